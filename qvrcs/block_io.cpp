@@ -1,0 +1,59 @@
+#include "qvrcs/block_io.h"
+
+#include <cstring>
+
+namespace qvrcs {
+namespace {
+
+bool Fits(const BlockView& view, size_t offset, size_t width) {
+  if (view.block == nullptr) return false;
+  const size_t at = view.base + offset;
+  if (at < view.base) return false;  // offset wrapped around
+  return at <= view.blockSize && width <= view.blockSize - at;
+}
+
+}  // namespace
+
+bool StoreI32(BlockView view, size_t offset, int32_t value) {
+  if (!Fits(view, offset, 4)) return false;
+  const uint32_t u = static_cast<uint32_t>(value);
+  uint8_t* p = view.block + view.base + offset;
+  p[0] = static_cast<uint8_t>(u);
+  p[1] = static_cast<uint8_t>(u >> 8);
+  p[2] = static_cast<uint8_t>(u >> 16);
+  p[3] = static_cast<uint8_t>(u >> 24);
+  return true;
+}
+
+bool StoreI16(BlockView view, size_t offset, int32_t value) {
+  if (!Fits(view, offset, 2)) return false;
+  const uint32_t u = static_cast<uint32_t>(value);
+  uint8_t* p = view.block + view.base + offset;
+  p[0] = static_cast<uint8_t>(u);
+  p[1] = static_cast<uint8_t>(u >> 8);
+  return true;
+}
+
+void ZeroFill(BlockView view, size_t offset, size_t count) {
+  if (view.block == nullptr) return;
+  const size_t at = view.base + offset;
+  if (at < view.base || at >= view.blockSize) return;
+  const size_t room = view.blockSize - at;
+  std::memset(view.block + at, 0, count < room ? count : room);
+}
+
+int32_t LoadI32(const uint8_t* block, size_t blockSize, size_t offset) {
+  if (block == nullptr || offset > blockSize || blockSize - offset < 4) return 0;
+  const uint8_t* p = block + offset;
+  return static_cast<int32_t>(static_cast<uint32_t>(p[0]) | static_cast<uint32_t>(p[1]) << 8 |
+                              static_cast<uint32_t>(p[2]) << 16 |
+                              static_cast<uint32_t>(p[3]) << 24);
+}
+
+int16_t LoadI16(const uint8_t* block, size_t blockSize, size_t offset) {
+  if (block == nullptr || offset > blockSize || blockSize - offset < 2) return 0;
+  const uint8_t* p = block + offset;
+  return static_cast<int16_t>(static_cast<uint16_t>(p[0] | p[1] << 8));
+}
+
+}  // namespace qvrcs
