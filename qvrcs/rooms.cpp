@@ -1,0 +1,186 @@
+// Rooms and headphone equalisers named by uuid: found in the listening
+// models, their coefficient table chosen for the working rate, and written
+// as fixed-header records into the slots of the postmix block.
+#include <array>
+#include <cctype>
+
+#include "qvrcs/coef_pack.h"
+#include "qvrcs/qvrcs.h"
+
+using com::qvr::pb::coef::CoefTable;
+using com::qvr::pb::model::headphoneEq;
+using com::qvr::pb::model::listeningModel;
+using com::qvr::pb::model::roomModel;
+using qvrcs::BlockView;
+
+namespace {
+
+constexpr size_t kUuidTextLength = 36;  // 8-4-4-4-12 hex digits with dashes
+constexpr size_t kUuidBytes = 16;
+
+// Room record, relative to the start of its slot.
+constexpr size_t kRoomUuid = 0;
+constexpr size_t kRoomChannelMask = 16;
+constexpr size_t kRoomNumPairs = 20;
+constexpr size_t kRoomBrirLength = 24;
+constexpr size_t kRoomSampleRate = 28;
+constexpr size_t kRoomReverbGain = 32;
+constexpr size_t kRoomReverbCut = 36;
+constexpr size_t kRoomCoefs = 40;
+
+// Headphone equaliser record, relative to the start of its slot. The table
+// is read as c0, c1 and then two equal halves, one per channel.
+constexpr size_t kHpeqUuid = 0;
+constexpr size_t kHpeqSampleRate = 16;
+constexpr size_t kHpeqLength = 20;
+constexpr size_t kHpeqCoefs = 24;      // c0, c1, then the channel halves
+constexpr size_t kHpeqLeadValues = 2;  // c0 and c1
+// Taps per channel that the DSP takes; a longer filter is cut to this.
+constexpr uint32_t kHpeqMaxTaps = 128;
+
+int HexValue(char c) {
+  if (c >= '0' && c <= '9') return c - '0';
+  if (c >= 'a' && c <= 'f') return c - 'a' + 10;
+  if (c >= 'A' && c <= 'F') return c - 'A' + 10;
+  return -1;
+}
+
+// First room / headphone EQ with a matching uuid, models in list order.
+const roomModel* FindRoom(const std::string& uuid, const ListeningModelList& models) {
+  for (const listeningModel& model : models) {
+    for (const roomModel& room : model.rooms()) {
+      if (QVRCS_UuidEqualsIgnoreCase(room.uuid(), uuid)) return &room;
+    }
+  }
+  return nullptr;
+}
+
+const headphoneEq* FindHeadphoneEq(const std::string& uuid, const ListeningModelList& models) {
+  for (const listeningModel& model : models) {
+    for (const headphoneEq& eq : model.headphones()) {
+      if (QVRCS_UuidEqualsIgnoreCase(eq.uuid(), uuid)) return &eq;
+    }
+  }
+  return nullptr;
+}
+
+// The record fields are unsigned counts; the DSP reads the same 32 bits.
+int32_t AsWord(uint32_t value) { return static_cast<int32_t>(value); }
+
+}  // namespace
+
+bool QVRCS_PackUuid(const std::string& uuid, BlockView destination) {
+  std::array<uint8_t, kUuidBytes> bytes{};
+  size_t produced = 0;
+  if (uuid.size() == kUuidTextLength) {
+    size_t i = 0;
+    while (i < uuid.size() && produced < kUuidBytes) {
+      const int high = HexValue(uuid[i]);
+      if (high < 0) {  // separators such as '-' are skipped
+        ++i;
+        continue;
+      }
+      const int low = i + 1 < uuid.size() ? HexValue(uuid[i + 1]) : -1;
+      if (low < 0) break;  // a lone digit ends the scan
+      bytes[produced++] = static_cast<uint8_t>(high << 4 | low);
+      i += 2;
+    }
+  }
+  // Sixteen bytes in text order, as four little-endian words.
+  for (size_t w = 0; w < kUuidBytes / 4; ++w) {
+    const uint32_t word = static_cast<uint32_t>(bytes[4 * w]) |
+                          static_cast<uint32_t>(bytes[4 * w + 1]) << 8 |
+                          static_cast<uint32_t>(bytes[4 * w + 2]) << 16 |
+                          static_cast<uint32_t>(bytes[4 * w + 3]) << 24;
+    qvrcs::StoreI32(destination, 4 * w, static_cast<int32_t>(word));
+  }
+  return produced == kUuidBytes;
+}
+
+bool QVRCS_UuidEqualsIgnoreCase(const std::string& a, const std::string& b) {
+  if (a.size() != b.size()) return false;
+  for (size_t i = 0; i < a.size(); ++i) {
+    const auto ca = static_cast<unsigned char>(a[i]);
+    const auto cb = static_cast<unsigned char>(b[i]);
+    // ASCII folding only, whatever the locale.
+    const auto ua = (ca >= 'a' && ca <= 'z') ? ca - ('a' - 'A') : ca;
+    const auto ub = (cb >= 'a' && cb <= 'z') ? cb - ('a' - 'A') : cb;
+    if (ua != ub) return false;
+  }
+  return true;
+}
+
+int32_t QVRCS_LoadRoom(const std::string& uuid, const ListeningModelList& models, BlockView slot,
+                       size_t capacity, uint32_t sampleRate) {
+  if (uuid.empty()) return QVRCS_NOTHING_TO_LOAD;
+
+  const roomModel* room = FindRoom(uuid, models);
+  if (room == nullptr) return QVRCS_ERR_UNKNOWN_ROOM;
+
+  const CoefTable* table = QVRCS_FindCoefTable(room->coefftables(), sampleRate);
+  if (table == nullptr || table->coeff_16_size() == 0) return QVRCS_ERR_NO_COEF_TABLE;
+
+  const size_t count = static_cast<size_t>(table->coeff_16_size());
+  if (kRoomCoefs > capacity || count > (capacity - kRoomCoefs) / 2) {
+    return QVRCS_ERR_RECORD_TOO_LARGE;
+  }
+
+  QVRCS_PackUuid(room->uuid(), slot.At(kRoomUuid));
+  qvrcs::StoreI32(slot, kRoomChannelMask, AsWord(room->channelmask()));
+  qvrcs::StoreI32(slot, kRoomNumPairs, AsWord(room->numpairs()));
+  qvrcs::StoreI32(slot, kRoomBrirLength, AsWord(room->brirlength()));
+  qvrcs::StoreI32(slot, kRoomSampleRate, table->samplerate());
+  qvrcs::StoreI32(slot, kRoomReverbGain, room->reverbgain());
+  qvrcs::StoreI32(slot, kRoomReverbCut, AsWord(room->reverbcut()));
+  qvrcs::PackCoeff16(slot, kRoomCoefs, table->coeff_16());
+  return QVRCS_OK;
+}
+
+int32_t QVRCS_LoadHeadphoneEq(const std::string& uuid, const ListeningModelList& models,
+                              BlockView slot, size_t capacity, uint32_t sampleRate) {
+  // No shortcut for an empty uuid: it matches a headphone EQ without one.
+  const headphoneEq* eq = FindHeadphoneEq(uuid, models);
+  if (eq == nullptr) return QVRCS_NOTHING_TO_LOAD;  // an unknown headphone EQ is not an error
+
+  const CoefTable* table = QVRCS_FindCoefTable(eq->coefftables(), sampleRate);
+  if (table == nullptr || table->coeff_16_size() == 0) return QVRCS_ERR_NO_COEF_TABLE;
+
+  qvrcs::StoreI32(slot, kHpeqSampleRate, table->samplerate());
+  QVRCS_PackUuid(eq->uuid(), slot.At(kHpeqUuid));
+
+  const qvrcs::CoefValues& values = table->coeff_16();
+  size_t at = kHpeqCoefs;
+  for (size_t i = 0; i < kHpeqLeadValues; ++i, at += 2) {
+    qvrcs::StoreI16(slot, at, qvrcs::ValueOrZero(values, i));
+  }
+
+  if (eq->ihpirlength() <= kHpeqMaxTaps) {
+    // Short form: the rest of the table in order, not bounded by the slot
+    // (the block's end still is).
+    qvrcs::StoreI32(slot, kHpeqLength, AsWord(eq->ihpirlength()));
+    for (int i = static_cast<int>(kHpeqLeadValues); i < values.size(); ++i, at += 2) {
+      if (!qvrcs::StoreI16(slot, at, values.Get(i))) break;  // past the block's end
+    }
+    return QVRCS_OK;
+  }
+
+  // Long form: each channel cut to the first h taps, h being what the slot
+  // holds after its header, c0 and c1 (128 for the 540-byte slot). The second
+  // half starts in the middle of what follows c0 and c1; values missing from
+  // a short table read as 0.
+  const size_t headerHalfWords = kHpeqCoefs / 2 + kHpeqLeadValues;
+  const size_t taps = capacity / 2 > headerHalfWords ? (capacity / 2 - headerHalfWords) / 2 : 0;
+  const int64_t count = values.size();
+  const auto lead = static_cast<int64_t>(kHpeqLeadValues);
+  const size_t firstHalf = kHpeqLeadValues;
+  const auto secondHalf = static_cast<size_t>(lead + (count - lead) / 2);  // truncates toward 0
+
+  qvrcs::StoreI32(slot, kHpeqLength, AsWord(kHpeqMaxTaps));
+  for (size_t i = 0; i < taps; ++i, at += 2) {
+    qvrcs::StoreI16(slot, at, qvrcs::ValueOrZero(values, firstHalf + i));
+  }
+  for (size_t i = 0; i < taps; ++i, at += 2) {
+    qvrcs::StoreI16(slot, at, qvrcs::ValueOrZero(values, secondHalf + i));
+  }
+  return QVRCS_OK;
+}
