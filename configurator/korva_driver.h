@@ -1,0 +1,158 @@
+// The Korva driver's control interface: request codes, the records that travel
+// with them, and one typed call per request. Every field is in the processor's
+// native byte order (little-endian on the target), naturally aligned, no padding.
+//
+// This header is the one place that knows the request codes and the wire
+// records; the configurator, the simulated driver and the tools all use it.
+// Only configurator/driver.cpp issues the ioctl calls.
+#pragma once
+
+#include <linux/ioctl.h>
+
+#include <cstddef>
+#include <cstdint>
+
+#include "configurator/payload.h"
+#include "qvrcs/layout.h"
+
+// ---- Device nodes ---------------------------------------------------------------
+// The hardware node is tried first on every pass; the software node is its fallback.
+constexpr const char* kQvrKorvaHardwareNode = "/dev/snd/hwC0D2";
+constexpr const char* kQvrKorvaSoftwareNode = "/dev/qvr_korva";
+
+// ---- Records --------------------------------------------------------------------
+
+// Heads every parameter read or write; `size` data bytes follow it directly.
+struct qvr_korva_param_desc {
+  uint32_t id;      //  0: DSP parameter (command) identifier, PARAM_ID_...
+  int32_t size;     //  4: number of data bytes after the descriptor
+  int32_t offset;   //  8: -1 in the version queries, 0 in the tuning upload
+  uint32_t device;  // 12: device selection; bit 31 always set by the configurator
+};
+static_assert(sizeof(qvr_korva_param_desc) == 16, "param descriptor is 16 bytes");
+static_assert(offsetof(qvr_korva_param_desc, id) == 0);
+static_assert(offsetof(qvr_korva_param_desc, size) == 4);
+static_assert(offsetof(qvr_korva_param_desc, offset) == 8);
+static_assert(offsetof(qvr_korva_param_desc, device) == 12);
+
+// Where one slot's tuning lies in the driver cache and how its payload divides.
+struct qvr_korva_cache_block {
+  uint32_t idx;            //  0: cache block index, 0..5
+  uint32_t bitmask;        //  4: slot's device bitmask (combo slot: 0x400000 added)
+  uint32_t kGlobalOffset;  //  8: idx * kCacheBlockSize, byte offset in the cache
+  uint32_t preCmd;         // 12: PARAM_ID_PREMIX
+  uint32_t preSize;        // 16: premix block size
+  uint32_t preOff;         // 20: payload offset of the premix fade area
+  uint32_t preFadeCmd;     // 24: 0, no premix fade
+  uint32_t preFadeSize;    // 28: fade area size
+  uint32_t postOff;        // 32: payload offset of the postmix block
+  uint32_t postCmd;        // 36: PARAM_ID_POSTMIX
+  uint32_t postSize;       // 40: postmix block size
+  uint32_t fadeOff;        // 44: payload offset of the postmix fade area
+  uint32_t postFadeCmd;    // 48: 0, no postmix fade
+  uint32_t postFadeSize;   // 52: fade area size
+};
+static_assert(sizeof(qvr_korva_cache_block) == 56, "cache block descriptor is 56 bytes");
+static_assert(offsetof(qvr_korva_cache_block, kGlobalOffset) == 8);
+static_assert(offsetof(qvr_korva_cache_block, preCmd) == 12);
+static_assert(offsetof(qvr_korva_cache_block, preFadeCmd) == 24);
+static_assert(offsetof(qvr_korva_cache_block, postOff) == 32);
+static_assert(offsetof(qvr_korva_cache_block, fadeOff) == 44);
+static_assert(offsetof(qvr_korva_cache_block, postFadeSize) == 52);
+
+// The parameter query buffer: descriptor, then the reply space the driver fills.
+constexpr size_t kQvrKorvaReplySpace = 4096;
+struct qvr_korva_param_query {
+  qvr_korva_param_desc desc;
+  char reply[kQvrKorvaReplySpace];
+};
+static_assert(sizeof(qvr_korva_param_query) == 16 + 4096);
+static_assert(offsetof(qvr_korva_param_query, reply) == 16);
+
+// One slot's tuning upload: descriptor, then the whole cache block payload.
+struct qvr_korva_upload {
+  qvr_korva_param_desc desc;
+  uint8_t payload[qvr::kCacheBlockSize];
+};
+static_assert(sizeof(qvr_korva_upload) == 61680, "upload buffer is 61680 bytes");
+static_assert(offsetof(qvr_korva_upload, payload) == 16);
+
+// ---- DSP parameter identifiers and descriptor values ----------------------------
+constexpr uint32_t PARAM_ID_DSP_DESCRIPTION = 0x1001514C;  // 2048 bytes of text
+constexpr uint32_t PARAM_ID_DSP_VERSION = 0x1001514D;      // 20 bytes of text
+constexpr uint32_t PARAM_ID_PREMIX = 0x10015100;           // premix block; id of the upload
+constexpr uint32_t PARAM_ID_POSTMIX = 0x1001522C;          // postmix block
+
+constexpr int32_t kDspVersionSize = 20;
+constexpr int32_t kDspDescriptionSize = 2048;
+static_assert(kDspDescriptionSize <= static_cast<int32_t>(kQvrKorvaReplySpace));
+
+constexpr uint32_t kDeviceSelectBit = 0x80000000;    // bit 31 of `device`
+constexpr uint32_t kDspQueryDevice = 2;              // low device bits of the queries
+constexpr int32_t kDspQueryOffset = -1;              // `offset` of the queries
+constexpr uint32_t kComboSlotIndex = 4;              // the combo0 slot ...
+constexpr uint32_t kComboSlotBit = 0x400000;         // ... always carries this device bit
+
+// ---- Request codes --------------------------------------------------------------
+// Linux _IOC encoding, type 0xF2. The encoded size is that of the declared
+// argument type (an int or a pointer), not of the record behind the pointer.
+#define QVR_KORVA_IOCTL_TYPE 0xF2
+constexpr uint32_t QVR_KORVA_IOCTL_SET_CACHE_SIZE = _IOW(QVR_KORVA_IOCTL_TYPE, 1, int32_t);
+constexpr uint32_t QVR_KORVA_IOCTL_GET_PARAM = _IOR(QVR_KORVA_IOCTL_TYPE, 2, qvr_korva_param_desc*);
+constexpr uint32_t QVR_KORVA_IOCTL_SET_PARAM = _IOW(QVR_KORVA_IOCTL_TYPE, 3, qvr_korva_param_desc*);
+constexpr uint32_t QVR_KORVA_IOCTL_SET_CACHE_BLOCK = _IOW(QVR_KORVA_IOCTL_TYPE, 4, qvr_korva_cache_block*);
+constexpr uint32_t QVR_KORVA_IOCTL_SET_VOLUME_CONTROLS = _IOW(QVR_KORVA_IOCTL_TYPE, 9, uint32_t*);
+
+static_assert(QVR_KORVA_IOCTL_SET_CACHE_SIZE == 0x4004F201u);
+static_assert(QVR_KORVA_IOCTL_GET_PARAM == 0x8008F202u);
+static_assert(QVR_KORVA_IOCTL_SET_PARAM == 0x4008F203u);
+static_assert(QVR_KORVA_IOCTL_SET_CACHE_BLOCK == 0x4008F204u);
+static_assert(QVR_KORVA_IOCTL_SET_VOLUME_CONTROLS == 0x4008F209u);
+
+// Every request with its short name (the name tools print and accept).
+struct QvrKorvaRequest {
+  const char* name;
+  uint32_t code;
+};
+constexpr QvrKorvaRequest kQvrKorvaRequests[] = {
+    {"SET_CACHE_SIZE", QVR_KORVA_IOCTL_SET_CACHE_SIZE},
+    {"GET_PARAM", QVR_KORVA_IOCTL_GET_PARAM},
+    {"SET_PARAM", QVR_KORVA_IOCTL_SET_PARAM},
+    {"SET_CACHE_BLOCK", QVR_KORVA_IOCTL_SET_CACHE_BLOCK},
+    {"SET_VOLUME_CONTROLS", QVR_KORVA_IOCTL_SET_VOLUME_CONTROLS},
+};
+
+// Short name of a request code, or nullptr for a code the driver does not know.
+constexpr const char* qvr_request_name(uint32_t code) {
+  for (const QvrKorvaRequest& request : kQvrKorvaRequests) {
+    if (request.code == code) return request.name;
+  }
+  return nullptr;
+}
+
+// ---- Cache blocks ---------------------------------------------------------------
+
+// The device bitmask a slot's tuning goes out with: the combo slot always
+// carries kComboSlotBit as well; every other slot keeps its bitmask.
+constexpr uint32_t qvr_slot_bitmask(uint32_t cacheBlockIndex, uint32_t deviceBitmask) {
+  return cacheBlockIndex == kComboSlotIndex ? (deviceBitmask | kComboSlotBit) : deviceBitmask;
+}
+
+// The cache block descriptor of block `idx` for an already adjusted bitmask
+// (qvr_slot_bitmask). The one place that fills this record.
+qvr_korva_cache_block qvr_make_cache_block(uint32_t idx, uint32_t bitmask);
+
+// ---- Driver requests (configurator/driver.cpp) -------------------------------------
+// Each returns the ioctl result (negative with errno set on failure).
+
+// Sizes the driver cache, in bytes.
+int32_t qvr_set_cache_size(int fd, int32_t size);
+// Reads parameter query->desc.id; the driver writes up to desc.size bytes of
+// reply into query->reply.
+int32_t qvr_get_param(int fd, qvr_korva_param_query* query);
+// Writes upload->desc.size payload bytes into the selected cache block.
+int32_t qvr_set_param(int fd, const qvr_korva_upload* upload);
+// Selects the cache block that the following upload goes to.
+int32_t qvr_set_cache_block(int fd, const qvr_korva_cache_block* block);
+// Sets the driver's volume controls.
+int32_t qvr_set_volume_controls(int fd, uint32_t value);

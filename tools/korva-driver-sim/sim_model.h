@@ -1,0 +1,118 @@
+// The simulated Korva driver's behaviour, apart from how requests reach it:
+// what each request does to the driver state, what it answers, and the record
+// of everything it received.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <cstdio>
+#include <functional>
+#include <map>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "configurator/korva_driver.h"
+
+namespace korva_sim {
+
+// Upper bound of the cache the simulated driver agrees to hold.
+constexpr int64_t kMaxCacheSize = 64 * 1024 * 1024;
+
+// "--answer REQUEST[#N]=VALUE": answer VALUE to the N-th REQUEST (from 1), or
+// to every one when N is 0.
+struct AnswerRule {
+  std::string request;
+  uint32_t occurrence = 0;
+  int64_t value = 0;
+};
+
+// Parses one rule; returns false and sets `error` on a malformed rule or an
+// unknown request name.
+bool ParseAnswerRule(const std::string& text, AnswerRule& rule, std::string& error);
+
+// The answer the rules give to the `occurrence`-th `request`: a rule for that
+// exact occurrence wins over one for every occurrence; the later of two equal
+// rules wins. Empty when no rule applies.
+std::optional<int64_t> FindAnswer(const std::vector<AnswerRule>& rules,
+                                  const std::string& request, uint32_t occurrence);
+
+// One request's outcome, as the client sees it.
+struct Outcome {
+  int64_t answer = 0;
+  int error = 0;  // errno handed to the client (0 when the answer is not negative)
+};
+
+// Access to the client's argument. `peek(n)` returns a copy of the first n
+// bytes the argument points at (empty if unreadable); `resolve(n)` maps n
+// bytes of it for reading and writing (nullptr if unreadable). Writes through
+// the last resolve are handed back to the client.
+struct ArgumentAccess {
+  std::function<std::vector<uint8_t>(size_t)> peek;
+  std::function<uint8_t*(size_t)> resolve;
+};
+
+struct BlockState {
+  qvr_korva_cache_block desc{};
+  bool uploaded = false;
+  uint32_t device = 0;       // `device` of the last upload into this block
+  int32_t uploadSize = 0;    // `size` of the last upload into this block
+};
+
+struct DriverConfig {
+  std::string dspVersion;
+  std::string dspDescription;
+  std::vector<AnswerRule> answers;
+  std::string captureDir;  // empty: nothing recorded
+};
+
+class Driver {
+ public:
+  explicit Driver(DriverConfig config);
+  ~Driver();
+  Driver(const Driver&) = delete;
+  Driver& operator=(const Driver&) = delete;
+
+  // Opens the capture (when one was asked for). False with `error` set when
+  // the capture directory cannot be written.
+  bool Start(std::string& error);
+
+  // Handles one request that arrived on `node`.
+  Outcome Handle(const std::string& node, uint32_t code, const ArgumentAccess& arg);
+
+  // What the driver holds: the cache size, the volume controls and, per cache
+  // block, its descriptor, whether an upload arrived, its device word and a
+  // SHA-256 digest of the premix and postmix areas.
+  void PrintSummary(FILE* out) const;
+  bool DumpCache(const std::string& path, std::string& error) const;
+
+  const std::vector<uint8_t>& cache() const { return cache_; }
+  const std::map<uint32_t, BlockState>& blocks() const { return blocks_; }
+  uint32_t requestCount() const { return seq_; }
+
+ private:
+  // One request as it arrived: the argument bytes exactly as received and
+  // whether the driver itself accepts it.
+  struct Received {
+    std::vector<uint8_t> bytes;
+    int naturalError = 0;      // errno the driver answers on its own; 0 = accepted
+    uint8_t* reply = nullptr;  // GET_PARAM: the client's reply space
+    size_t replySize = 0;
+  };
+
+  Received Receive(const std::string& name, const ArgumentAccess& arg) const;
+  void Apply(const std::string& name, const Received& received);
+  void Record(const std::string& node, const std::string& name, uint32_t code,
+              const Outcome& outcome, const std::vector<uint8_t>& bytes);
+
+  DriverConfig config_;
+  std::vector<uint8_t> cache_;
+  std::map<uint32_t, BlockState> blocks_;
+  std::optional<uint32_t> selected_;  // block the next upload goes to
+  std::optional<uint32_t> volume_;
+  std::map<std::string, uint32_t> occurrences_;
+  uint32_t seq_ = 0;
+  FILE* journal_ = nullptr;
+};
+
+}  // namespace korva_sim
