@@ -1,0 +1,7 @@
+# Postmix block sections (coefficient tables, rooms, headphone EQ, AEQ), the
+# whole postmix block, and the tuning file reader.
+qvr_add_test(postmix_sections_test
+  SOURCES ${CMAKE_CURRENT_LIST_DIR}/postmix_coef_test.cpp
+          ${CMAKE_CURRENT_LIST_DIR}/postmix_rooms_test.cpp
+          ${CMAKE_CURRENT_LIST_DIR}/postmix_aeq_test.cpp
+  LIBS qvrcs)
