@@ -1,0 +1,114 @@
+// Table-driven copy of settings fields into a block section.
+//
+// A FieldCopyEntry names one optional scalar field of a settings message
+// (presence test, getter, setter) and the byte offset, inside the section
+// the table fills, where its value goes. A FieldCopyTable groups the entries
+// that share one store width. A RepeatedCopyEntry does the same for a
+// repeated field that fills a fixed run of 32-bit slots.
+//
+// The entries of a table are in the order of the fields' numbers in the
+// schema, and that is the order in which they are written.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+
+#include <google/protobuf/repeated_field.h>
+
+#include "qvrcs/block_io.h"
+
+namespace qvrcs {
+
+// Store width of a table, in bits.
+enum class Width : uint8_t {
+  k32 = 32,  // the whole signed 32-bit value
+  k16 = 16,  // the low 16 bits only: plain truncation, no saturation
+};
+
+template <class Msg>
+struct FieldCopyEntry {
+  const char* name;  // the field's name in the schema
+  bool (Msg::*has)() const;
+  int32_t (Msg::*get)() const;
+  void (Msg::*set)(int32_t);  // not used by the conversion; for tools and tests
+  uint16_t offset;            // byte offset inside the section
+};
+
+template <class Msg>
+struct FieldCopyTable {
+  Width width;
+  const FieldCopyEntry<Msg>* entries;
+  size_t count;
+
+  template <size_t N>
+  constexpr FieldCopyTable(Width w, const FieldCopyEntry<Msg> (&e)[N])
+      : width(w), entries(e), count(N) {}
+
+  const FieldCopyEntry<Msg>* begin() const { return entries; }
+  const FieldCopyEntry<Msg>* end() const { return entries + count; }
+};
+
+template <class Msg>
+struct RepeatedCopyEntry {
+  const char* name;  // the field's name in the schema
+  const google::protobuf::RepeatedField<int32_t>& (Msg::*get)() const;
+  uint16_t offset;           // byte offset of slot 0 inside the section
+  uint8_t slots;             // elements past this count are not carried
+  const uint8_t* slotOrder;  // slot of element i, or nullptr for slot i
+};
+
+// Builds an entry from the field's name, so that every accessor and the name
+// come from one spelling.
+#define QVRCS_FIELD(Msg, field, offset) \
+  ::qvrcs::FieldCopyEntry<Msg> { #field, &Msg::has_##field, &Msg::field, &Msg::set_##field, offset }
+#define QVRCS_REPEATED(Msg, field, offset, slots, slotOrder) \
+  ::qvrcs::RepeatedCopyEntry<Msg> { #field, &Msg::field, offset, slots, slotOrder }
+
+// Stores `value` at `offset` of `section` with the table's width.
+inline void StoreField(BlockView section, size_t offset, Width width, int32_t value) {
+  if (width == Width::k16) {
+    StoreI16(section, offset, value);
+  } else {
+    StoreI32(section, offset, value);
+  }
+}
+
+// Copies every present field of `table`, in table order; absent fields leave
+// their bytes as they are.
+template <class Msg>
+void CopyFields(const Msg& message, const FieldCopyTable<Msg>& table, BlockView section) {
+  for (const FieldCopyEntry<Msg>& entry : table) {
+    if ((message.*entry.has)()) StoreField(section, entry.offset, table.width, (message.*entry.get)());
+  }
+}
+
+// Byte offset, inside the section, of element `index` of a repeated field.
+template <class Msg>
+constexpr size_t SlotOffset(const RepeatedCopyEntry<Msg>& entry, size_t index) {
+  const size_t slot = entry.slotOrder != nullptr ? entry.slotOrder[index] : index;
+  return entry.offset + 4 * slot;
+}
+
+// Stores the first min(count, slots) elements; the remaining slots keep their
+// bytes. Stores each element as it goes and hands it to `check` right after;
+// a false from `check` stops the copy (the offending element stays written).
+// Returns false when the copy was stopped.
+template <class Msg, class Check>
+bool CopyRepeated(const Msg& message, const RepeatedCopyEntry<Msg>& entry, BlockView section,
+                  Check check) {
+  const google::protobuf::RepeatedField<int32_t>& values = (message.*entry.get)();
+  const size_t count = static_cast<size_t>(values.size());
+  for (size_t i = 0; i < count && i < entry.slots; ++i) {
+    const int32_t value = values.Get(static_cast<int>(i));
+    StoreI32(section, SlotOffset(entry, i), value);
+    if (!check(value)) return false;
+  }
+  return true;
+}
+
+template <class Msg>
+void CopyRepeated(const Msg& message, const RepeatedCopyEntry<Msg>& entry, BlockView section) {
+  CopyRepeated(message, entry, section, [](int32_t) { return true; });
+}
+
+}  // namespace qvrcs
