@@ -5,3 +5,11 @@ qvr_add_test(postmix_sections_test
           ${CMAKE_CURRENT_LIST_DIR}/postmix_rooms_test.cpp
           ${CMAKE_CURRENT_LIST_DIR}/postmix_aeq_test.cpp
   LIBS qvrcs)
+
+qvr_add_test(postmix_block_test
+  SOURCES ${CMAKE_CURRENT_LIST_DIR}/postmix_block_test.cpp
+  LIBS qvrcs)
+
+qvr_add_test(tuning_reader_test
+  SOURCES ${CMAKE_CURRENT_LIST_DIR}/tuning_reader_test.cpp
+  LIBS configurator_core GTest::gmock)
