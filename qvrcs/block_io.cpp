@@ -12,6 +12,16 @@ bool Fits(const BlockView& view, size_t offset, size_t width) {
   return at <= view.blockSize && width <= view.blockSize - at;
 }
 
+// How many `width`-byte items of a run of `count` fit from section offset
+// `offset` to the block's end.
+size_t ItemsThatFit(const BlockView& view, size_t offset, size_t width, size_t count) {
+  if (view.block == nullptr) return 0;
+  const size_t at = view.base + offset;
+  if (at < view.base || at > view.blockSize) return 0;
+  const size_t room = (view.blockSize - at) / width;
+  return count < room ? count : room;
+}
+
 }  // namespace
 
 bool StoreI32(BlockView view, size_t offset, int32_t value) {
@@ -32,6 +42,32 @@ bool StoreI16(BlockView view, size_t offset, int32_t value) {
   p[0] = static_cast<uint8_t>(u);
   p[1] = static_cast<uint8_t>(u >> 8);
   return true;
+}
+
+size_t StoreI16Run(BlockView view, size_t offset, const int32_t* values, size_t count) {
+  const size_t fit = ItemsThatFit(view, offset, 2, count);
+  if (fit == 0) return 0;
+  uint8_t* p = view.block + view.base + offset;
+  for (size_t i = 0; i < fit; ++i, p += 2) {
+    const uint32_t u = static_cast<uint32_t>(values[i]);
+    p[0] = static_cast<uint8_t>(u);
+    p[1] = static_cast<uint8_t>(u >> 8);
+  }
+  return fit;
+}
+
+size_t StoreI32Run(BlockView view, size_t offset, const int32_t* values, size_t count) {
+  const size_t fit = ItemsThatFit(view, offset, 4, count);
+  if (fit == 0) return 0;
+  uint8_t* p = view.block + view.base + offset;
+  for (size_t i = 0; i < fit; ++i, p += 4) {
+    const uint32_t u = static_cast<uint32_t>(values[i]);
+    p[0] = static_cast<uint8_t>(u);
+    p[1] = static_cast<uint8_t>(u >> 8);
+    p[2] = static_cast<uint8_t>(u >> 16);
+    p[3] = static_cast<uint8_t>(u >> 24);
+  }
+  return fit;
 }
 
 void ZeroFill(BlockView view, size_t offset, size_t count) {

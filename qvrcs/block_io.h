@@ -30,6 +30,13 @@ bool StoreI32(BlockView view, size_t offset, int32_t value);
 // writes nothing) when the half-word would not fit in the block.
 bool StoreI16(BlockView view, size_t offset, int32_t value);
 
+// Stores `count` values from section offset `offset` on, as by StoreI16 /
+// StoreI32 one after the other, with one bounds check for the whole run:
+// the values that would cross the block's end are dropped. Returns how many
+// were stored.
+size_t StoreI16Run(BlockView view, size_t offset, const int32_t* values, size_t count);
+size_t StoreI32Run(BlockView view, size_t offset, const int32_t* values, size_t count);
+
 // Writes `count` zero bytes from section offset `offset`, clipped to the block.
 void ZeroFill(BlockView view, size_t offset, size_t count);
 

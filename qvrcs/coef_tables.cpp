@@ -11,16 +11,11 @@
 namespace qvrcs {
 
 void PackCoeff16(BlockView view, size_t offset, const CoefValues& values) {
-  for (int i = 0; i < values.size(); ++i) {
-    // Later values would land even further past the block's end.
-    if (!StoreI16(view, offset + 2 * static_cast<size_t>(i), values.Get(i))) return;
-  }
+  StoreI16Run(view, offset, values.data(), static_cast<size_t>(values.size()));
 }
 
 void PackCoeff32(BlockView view, size_t offset, const CoefValues& values) {
-  for (int i = 0; i < values.size(); ++i) {
-    if (!StoreI32(view, offset + 4 * static_cast<size_t>(i), values.Get(i))) return;
-  }
+  StoreI32Run(view, offset, values.data(), static_cast<size_t>(values.size()));
 }
 
 }  // namespace qvrcs

@@ -158,8 +158,9 @@ int32_t QVRCS_LoadHeadphoneEq(const std::string& uuid, const ListeningModelList&
     // Short form: the rest of the table in order, not bounded by the slot
     // (the block's end still is).
     qvrcs::StoreI32(slot, kHpeqLength, AsWord(eq->ihpirlength()));
-    for (int i = static_cast<int>(kHpeqLeadValues); i < values.size(); ++i, at += 2) {
-      if (!qvrcs::StoreI16(slot, at, values.Get(i))) break;  // past the block's end
+    if (static_cast<size_t>(values.size()) > kHpeqLeadValues) {
+      qvrcs::StoreI16Run(slot, at, values.data() + kHpeqLeadValues,
+                         static_cast<size_t>(values.size()) - kHpeqLeadValues);
     }
     return QVRCS_OK;
   }
