@@ -1,0 +1,33 @@
+# The generated example tuning set (examples/) and its coefficient generator.
+qvr_add_test(examples_test
+  SOURCES ${CMAKE_CURRENT_LIST_DIR}/examples_test.cpp
+  LIBS configurator_core)
+target_compile_definitions(examples_test PRIVATE QVR_EXAMPLES_DIR="${QVR_EXAMPLES_DIR}")
+add_dependencies(examples_test examples)
+
+# coefgen writes the same text for the same source on every run.
+set(coefgen_check ${PROJECT_SOURCE_DIR}/examples/gen/coefgen_check.cmake)
+set(coefgen_scratch ${CMAKE_CURRENT_BINARY_DIR}/coefgen_check)
+add_test(NAME coefgen_is_reproducible
+  COMMAND ${CMAKE_COMMAND} -DCOEFGEN=$<TARGET_FILE:coefgen> -DMODE=reproduce
+          -DSOURCE=${PROJECT_SOURCE_DIR}/examples/src/headphones.textproto
+          -DEXPECTED=${CMAKE_BINARY_DIR}/examples/text/headphones.textproto
+          -DSCRATCH=${coefgen_scratch}/reproduce -P ${coefgen_check})
+
+# coefgen refuses a directive it cannot honour, names the line, and writes nothing.
+set(coefgen_bad_no_rate "coeffTables {\n  #@ hpir taps=4 seed=1\n}\n")
+set(coefgen_bad_no_rate_error "bad_no_rate.textproto:2: no 'sampleRate:' line")
+set(coefgen_bad_overflow "coeffTables {\n  sampleRate: 48000\n  #@ sos field=coeff_16 q=15 filters=hp:1000:0.7071\n}\n")
+set(coefgen_bad_overflow_error "bad_overflow.textproto:3: value .* does not fit Q15")
+set(coefgen_bad_padding "coeffTables {\n  sampleRate: 48000\n  #@ sos field=coeff_16 q=14 n=9 filters=bhp:80:4\n}\n")
+set(coefgen_bad_padding_error "bad_padding.textproto:3: cascade has 10 values, more than n=9")
+set(coefgen_bad_kind "coeffTables {\n  sampleRate: 48000\n  #@ fir taps=4\n}\n")
+set(coefgen_bad_kind_error "bad_kind.textproto:3: unknown directive 'fir'")
+foreach(case no_rate overflow padding kind)
+  file(WRITE ${coefgen_scratch}/bad_${case}.textproto "${coefgen_bad_${case}}")
+  add_test(NAME coefgen_rejects_${case}
+    COMMAND ${CMAKE_COMMAND} -DCOEFGEN=$<TARGET_FILE:coefgen> -DMODE=reject
+            -DSOURCE=${coefgen_scratch}/bad_${case}.textproto
+            -DEXPECTED=${coefgen_bad_${case}_error}
+            -DSCRATCH=${coefgen_scratch}/bad_${case} -P ${coefgen_check})
+endforeach()
