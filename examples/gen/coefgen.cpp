@@ -241,8 +241,13 @@ bool GenerateHpir(const Directive& d, std::vector<int32_t>& out, std::string& er
     error = "hpir needs taps >= 1";
     return false;
   }
-  out.push_back(static_cast<int32_t>(gain));
-  out.push_back(static_cast<int32_t>(delay));
+  for (double word : {gain, delay}) {
+    if (word != std::floor(word) || word < INT16_MIN || word > INT16_MAX) {
+      error = "hpir gain= and delay= must be 16-bit whole numbers";
+      return false;
+    }
+    out.push_back(static_cast<int32_t>(word));
+  }
   for (uint64_t channel = 0; channel < 2; ++channel) {
     SplitMix64 rng = SeededRng(static_cast<uint64_t>(seed), channel);
     if (!ToQ15(InverseHeadphoneResponse(rng, taps, d.sampleRate), out, error)) return false;
