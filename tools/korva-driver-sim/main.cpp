@@ -3,7 +3,9 @@
 // The device nodes live in a umockdev testbed; the program runs with the
 // umockdev preload library, which hands each ioctl on those nodes back to
 // this process. Here a GLib main loop answers them through the driver model
-// (sim_model.h) until the program exits.
+// (sim_model.h) until the program exits. Nodes left out of the simulation
+// are made to fail to open by a small preload library of our own
+// (absent_nodes.cpp), which sits in front of umockdev's.
 #include <glib.h>
 #include <sys/wait.h>
 #include <umockdev.h>
@@ -14,6 +16,7 @@
 #include <string>
 #include <vector>
 
+#include "tools/korva-driver-sim/absent_nodes.h"
 #include "tools/korva-driver-sim/sim_model.h"
 
 namespace {
@@ -21,6 +24,19 @@ namespace {
 constexpr const char* kPreloadLibrary = "libumockdev-preload.so.0";
 constexpr const char* kDefaultVersion = "KORVA-SIM 1.1.0";
 constexpr const char* kDefaultDescription = "Simulated Korva QDSP6 driver (korva-driver-sim)";
+
+// The absent-nodes library: built next to this executable.
+std::string AbsentNodesLibrary() {
+  gchar* self = g_file_read_link("/proc/self/exe", nullptr);
+  if (self == nullptr) return KORVA_SIM_ABSENT_NODES_LIBRARY;
+  gchar* dir = g_path_get_dirname(self);
+  gchar* path = g_build_filename(dir, KORVA_SIM_ABSENT_NODES_LIBRARY, nullptr);
+  std::string library = path;
+  g_free(path);
+  g_free(dir);
+  g_free(self);
+  return library;
+}
 
 // How each node appears in the testbed: its sysfs record and its devnode.
 struct NodeEntry {
@@ -169,12 +185,24 @@ int main(int argc, char** argv) {
     return 2;
   }
 
+  std::vector<NodeEntry> entries;
+  std::string absent;
+  for (const auto& [entry, present] : {std::pair{kHardwareEntry, nodes == "hw" || nodes == "both"},
+                                       std::pair{kSoftwareEntry, nodes == "sw" || nodes == "both"}}) {
+    if (present) {
+      entries.push_back(entry);
+    } else {
+      absent += (absent.empty() ? "" : ":") + std::string(entry.devnode);
+    }
+  }
+  const std::string absentLibrary = AbsentNodesLibrary();
+  if (!g_file_test(absentLibrary.c_str(), G_FILE_TEST_EXISTS)) {
+    Complain("missing " + absentLibrary);
+    return 2;
+  }
   UMockdevTestbed* testbed = umockdev_testbed_new();
   UMockdevIoctlBase* handler = umockdev_ioctl_base_new();
   g_signal_connect(handler, "handle-ioctl", G_CALLBACK(OnIoctl), &driver);
-  std::vector<NodeEntry> entries;
-  if (nodes == "hw" || nodes == "both") entries.push_back(kHardwareEntry);
-  if (nodes == "sw" || nodes == "both") entries.push_back(kSoftwareEntry);
   for (const NodeEntry& entry : entries) {
     GError* gerror = nullptr;
     if (!umockdev_testbed_add_from_string(testbed, entry.record, &gerror) ||
@@ -189,12 +217,13 @@ int main(int argc, char** argv) {
 
   gchar* root = umockdev_testbed_get_root_dir(testbed);
   gchar** env = g_get_environ();
-  std::string preload = kPreloadLibrary;
+  std::string preload = absentLibrary + ":" + kPreloadLibrary;
   if (const gchar* outer = g_environ_getenv(env, "LD_PRELOAD"); outer != nullptr && *outer != '\0') {
     preload += std::string(":") + outer;
   }
   env = g_environ_setenv(env, "LD_PRELOAD", preload.c_str(), TRUE);
   env = g_environ_setenv(env, "UMOCKDEV_DIR", root, TRUE);
+  env = g_environ_setenv(env, KORVA_SIM_ABSENT_NODES_VARIABLE, absent.c_str(), TRUE);
   g_free(root);
 
   GPid pid = 0;

@@ -1,0 +1,15 @@
+# End to end: the configurator binary under korva-driver-sim; and the
+# simulator's driver model on its own.
+find_package(nlohmann_json 3 REQUIRED)
+find_program(QVR_FAKETIME faketime)
+
+qvr_add_test(e2e_test
+  SOURCES e2e_test.cpp e2e_support.cpp
+  LIBS configurator_core nlohmann_json::nlohmann_json)
+target_compile_definitions(e2e_test PRIVATE
+  QVR_CONFIGURATOR_EXE="$<TARGET_FILE:qvr_configurator>"
+  QVR_DRIVER_SIM_EXE="$<TARGET_FILE:korva-driver-sim>"
+  QVR_FAKETIME_EXE="${QVR_FAKETIME}")
+add_dependencies(e2e_test qvr_configurator korva-driver-sim)
+
+qvr_add_test(korva_sim_test SOURCES korva_sim_test.cpp LIBS korva_sim_model configurator_core)

@@ -1,0 +1,223 @@
+#include "e2e_support.h"
+
+#include <fcntl.h>
+#include <spawn.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <chrono>
+#include <cstdarg>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <nlohmann/json.hpp>
+#include <regex>
+#include <sstream>
+
+extern char** environ;
+
+namespace e2e {
+
+const char* const kConfiguratorExe = QVR_CONFIGURATOR_EXE;
+const char* const kDriverSimExe = QVR_DRIVER_SIM_EXE;
+const char* const kFaketimeExe = QVR_FAKETIME_EXE;
+
+namespace {
+
+namespace fs = std::filesystem;
+
+// Standard error lines that belong to someone other than the configurator's log.
+bool IsForeignLine(const std::string& line) {
+  static const char* const kPrefixes[] = {"[libprotobuf", "korva-driver-sim:", "==", "ERROR: libumockdev"};
+  for (const char* prefix : kPrefixes) {
+    if (line.rfind(prefix, 0) == 0) return true;
+  }
+  return false;
+}
+
+// The environment of a run: ours, plus what a sanitizer build needs to run
+// under the simulator's preload library.
+std::vector<std::string> RunEnvironment() {
+  std::vector<std::string> env;
+  bool sawAsan = false;
+  for (char** entry = environ; *entry != nullptr; ++entry) {
+    std::string var = *entry;
+    if (var.rfind("ASAN_OPTIONS=", 0) == 0) {
+      sawAsan = true;
+      if (var.find("verify_asan_link_order") == std::string::npos) var += ":verify_asan_link_order=0";
+    }
+    env.push_back(var);
+  }
+  if (!sawAsan) env.push_back("ASAN_OPTIONS=verify_asan_link_order=0");
+  return env;
+}
+
+std::vector<char*> Pointers(std::vector<std::string>& strings) {
+  std::vector<char*> pointers;
+  for (std::string& s : strings) pointers.push_back(s.data());
+  pointers.push_back(nullptr);
+  return pointers;
+}
+
+std::vector<Request> ReadCapture(const std::string& captureDir) {
+  std::vector<Request> requests;
+  std::ifstream journal(captureDir + "/requests.jsonl");
+  std::string line;
+  while (std::getline(journal, line)) {
+    const nlohmann::json record = nlohmann::json::parse(line, nullptr, false);
+    if (record.is_discarded()) {
+      ADD_FAILURE() << "unreadable capture line: " << line;
+      continue;
+    }
+    Request request;
+    request.seq = record.at("seq").get<uint32_t>();
+    request.node = record.at("node").get<std::string>();
+    request.name = record.at("request").get<std::string>();
+    request.code = record.at("code").get<uint32_t>();
+    request.answer = record.at("answer").get<int64_t>();
+    request.error = record.at("errno").get<int>();
+    const std::string bytes = ReadFile(captureDir + "/" + record.at("arg").get<std::string>());
+    request.arg.assign(bytes.begin(), bytes.end());
+    EXPECT_EQ(request.arg.size(), record.at("arg_size").get<size_t>()) << line;
+    EXPECT_EQ(request.seq, requests.size() + 1) << "requests are numbered in arrival order";
+    requests.push_back(std::move(request));
+  }
+  return requests;
+}
+
+}  // namespace
+
+std::vector<Request> RunResult::Of(const std::string& name) const {
+  std::vector<Request> matching;
+  for (const Request& request : requests) {
+    if (request.name == name) matching.push_back(request);
+  }
+  return matching;
+}
+
+size_t RunResult::Count(const std::string& message) const {
+  return static_cast<size_t>(std::count(log.begin(), log.end(), message));
+}
+
+std::vector<std::string> ParseLog(const std::string& stderrText) {
+  static const std::regex kLine(
+      R"(^QVR_KORVA \(qvr_configurator\) I \d\d-\d\d \d\d:\d\d:\d\d +\d+ +\d+ (.*)$)");
+  std::vector<std::string> messages;
+  bool continuable = false;
+  std::istringstream lines(stderrText);
+  std::string line;
+  std::smatch match;
+  while (std::getline(lines, line)) {
+    if (std::regex_match(line, match, kLine)) {
+      messages.push_back(match[1]);
+      continuable = true;
+    } else if (continuable && !IsForeignLine(line)) {
+      messages.back() += "\n" + line;
+    } else {
+      continuable = false;
+    }
+  }
+  return messages;
+}
+
+std::string Format(const char* format, ...) {
+  va_list args;
+  va_start(args, format);
+  va_list copy;
+  va_copy(copy, args);
+  const int length = std::vsnprintf(nullptr, 0, format, copy);
+  va_end(copy);
+  std::string text(static_cast<size_t>(length) + 1, '\0');
+  std::vsnprintf(text.data(), text.size(), format, args);
+  va_end(args);
+  text.resize(static_cast<size_t>(length));
+  return text;
+}
+
+std::vector<uint8_t> Words(const std::vector<uint32_t>& words) {
+  std::vector<uint8_t> bytes;
+  for (uint32_t word : words) {
+    for (int shift = 0; shift < 32; shift += 8) bytes.push_back(static_cast<uint8_t>(word >> shift));
+  }
+  return bytes;
+}
+
+std::string ReadFile(const std::string& path) {
+  std::ifstream in(path, std::ios::binary);
+  EXPECT_TRUE(in.is_open()) << "cannot read " << path;
+  std::ostringstream content;
+  content << in.rdbuf();
+  return content.str();
+}
+
+void WriteFile(const std::string& path, const std::string& bytes) {
+  std::ofstream out(path, std::ios::binary | std::ios::trunc);
+  out << bytes;
+  ASSERT_TRUE(out.good()) << "cannot write " << path;
+}
+
+void E2eTest::SetUp() {
+  std::string pattern = testing::TempDir() + "qvr_e2e_XXXXXX";
+  ASSERT_NE(mkdtemp(pattern.data()), nullptr) << std::strerror(errno);
+  dir_ = fs::absolute(pattern).string();
+}
+
+void E2eTest::TearDown() {
+  if (dir_.empty()) return;
+  std::error_code error;
+  fs::remove_all(dir_, error);
+  EXPECT_FALSE(error) << "cannot remove " << dir_ << ": " << error.message();
+  EXPECT_FALSE(fs::exists(dir_)) << dir_ << " is left behind";
+}
+
+RunResult E2eTest::RunSim(const std::vector<std::string>& simOptions,
+                          const std::vector<std::string>& command) {
+  RunResult result;
+  const std::string runDir = dir_ + "/run" + std::to_string(++runs_);
+  const std::string captureDir = runDir + "/capture";
+  EXPECT_TRUE(fs::create_directories(runDir)) << runDir;
+  const std::string outPath = runDir + "/stdout";
+  const std::string errPath = runDir + "/stderr";
+
+  std::vector<std::string> argv = {kDriverSimExe, "--capture", captureDir};
+  argv.insert(argv.end(), simOptions.begin(), simOptions.end());
+  argv.push_back("--");
+  argv.insert(argv.end(), command.begin(), command.end());
+  std::vector<std::string> env = RunEnvironment();
+
+  posix_spawn_file_actions_t actions;
+  posix_spawn_file_actions_init(&actions);
+  posix_spawn_file_actions_addopen(&actions, 0, "/dev/null", O_RDONLY, 0);
+  posix_spawn_file_actions_addopen(&actions, 1, outPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
+  posix_spawn_file_actions_addopen(&actions, 2, errPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
+  const auto start = std::chrono::steady_clock::now();
+  pid_t pid = 0;
+  const int spawned = posix_spawn(&pid, kDriverSimExe, &actions, nullptr, Pointers(argv).data(),
+                                  Pointers(env).data());
+  posix_spawn_file_actions_destroy(&actions);
+  if (spawned != 0) {
+    ADD_FAILURE() << "cannot run " << kDriverSimExe << ": " << std::strerror(spawned);
+    return result;
+  }
+  int status = 0;
+  while (waitpid(pid, &status, 0) < 0 && errno == EINTR) {
+  }
+  result.seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+  EXPECT_TRUE(WIFEXITED(status)) << "simulator ended abnormally, wait status " << status;
+  result.status = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+  result.out = ReadFile(outPath);
+  result.err = ReadFile(errPath);
+  result.log = ParseLog(result.err);
+  result.requests = ReadCapture(captureDir);
+  return result;
+}
+
+RunResult E2eTest::RunConfigurator(const std::vector<std::string>& simOptions,
+                                   const std::vector<std::string>& args) {
+  std::vector<std::string> command = {kConfiguratorExe};
+  command.insert(command.end(), args.begin(), args.end());
+  return RunSim(simOptions, command);
+}
+
+}  // namespace e2e

@@ -1,0 +1,245 @@
+// The simulated driver's model, driven directly with a fake client: what each
+// request does to the cache, what it answers, and that no argument size from
+// the client is trusted.
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <sstream>
+
+#include "configurator/korva_driver.h"
+#include "tools/korva-driver-sim/sim_model.h"
+
+namespace {
+
+namespace fs = std::filesystem;
+using korva_sim::AnswerRule;
+using korva_sim::Driver;
+using korva_sim::DriverConfig;
+using korva_sim::Outcome;
+using Bytes = std::vector<uint8_t>;
+
+// The client's side of one request: the memory its pointer leads to. Resolved
+// bytes are handed back to it as umockdev does when the request completes.
+struct FakeClient {
+  Bytes memory;
+  Bytes window;
+  size_t largestRequest = 0;
+
+  korva_sim::ArgumentAccess Access() {
+    korva_sim::ArgumentAccess access;
+    access.peek = [this](size_t n) {
+      largestRequest = std::max(largestRequest, n);
+      return n <= memory.size() ? Bytes(memory.begin(), memory.begin() + n) : Bytes{};
+    };
+    access.resolve = [this](size_t n) -> uint8_t* {
+      largestRequest = std::max(largestRequest, n);
+      if (n > memory.size()) return nullptr;
+      window.assign(memory.begin(), memory.begin() + n);
+      return window.data();
+    };
+    return access;
+  }
+
+  Outcome Send(Driver& driver, uint32_t code) {
+    window.clear();
+    const Outcome outcome = driver.Handle("/dev/qvr_korva", code, Access());
+    std::copy(window.begin(), window.end(), memory.begin());
+    return outcome;
+  }
+};
+
+template <typename Record>
+FakeClient ClientWith(const Record& record, size_t extra = 0, uint8_t fill = 0) {
+  FakeClient client;
+  client.memory.assign(sizeof(Record) + extra, fill);
+  std::memcpy(client.memory.data(), &record, sizeof(Record));
+  return client;
+}
+
+Outcome SetCacheSize(Driver& driver, int32_t size) {
+  return ClientWith(size).Send(driver, QVR_KORVA_IOCTL_SET_CACHE_SIZE);
+}
+
+Outcome SelectBlock(Driver& driver, uint32_t idx, uint32_t bitmask) {
+  return ClientWith(qvr_make_cache_block(idx, bitmask)).Send(driver, QVR_KORVA_IOCTL_SET_CACHE_BLOCK);
+}
+
+// An upload descriptor claiming `size` bytes, followed by `present` bytes of `fill`.
+FakeClient Upload(int32_t size, size_t present, uint8_t fill, uint32_t device = 0x80000001) {
+  return ClientWith(qvr_korva_param_desc{PARAM_ID_PREMIX, size, 0, device}, present, fill);
+}
+
+bool IsOk(const Outcome& outcome) { return outcome.answer == 0 && outcome.error == 0; }
+
+TEST(AnswerRuleTest, ParsesRequestOccurrenceAndValue) {
+  AnswerRule rule;
+  std::string error;
+  ASSERT_TRUE(korva_sim::ParseAnswerRule("SET_PARAM#3=-5", rule, error)) << error;
+  EXPECT_EQ(rule.request, "SET_PARAM");
+  EXPECT_EQ(rule.occurrence, 3u);
+  EXPECT_EQ(rule.value, -5);
+  ASSERT_TRUE(korva_sim::ParseAnswerRule("GET_PARAM=0x14", rule, error)) << error;
+  EXPECT_EQ(rule.occurrence, 0u);
+  EXPECT_EQ(rule.value, 20);
+
+  for (const char* bad : {"BOGUS=1", "SET_PARAM", "SET_PARAM#0=1", "SET_PARAM#x=1", "SET_PARAM=abc",
+                          "SET_PARAM=99999999999", "=1", "set_param=1"}) {
+    EXPECT_FALSE(korva_sim::ParseAnswerRule(bad, rule, error)) << bad;
+    EXPECT_FALSE(error.empty()) << bad;
+  }
+}
+
+TEST(AnswerRuleTest, ExactOccurrenceWinsOverEveryOccurrence) {
+  const std::vector<AnswerRule> rules = {
+      {"SET_PARAM", 2, -7}, {"SET_PARAM", 0, 4}, {"SET_PARAM", 0, 5}, {"GET_PARAM", 1, -1}};
+  EXPECT_EQ(korva_sim::FindAnswer(rules, "SET_PARAM", 1), 5) << "the later general rule wins";
+  EXPECT_EQ(korva_sim::FindAnswer(rules, "SET_PARAM", 2), -7);
+  EXPECT_EQ(korva_sim::FindAnswer(rules, "GET_PARAM", 2), std::nullopt);
+  EXPECT_EQ(korva_sim::FindAnswer(rules, "SET_CACHE_SIZE", 1), std::nullopt);
+}
+
+TEST(SimDriverTest, UploadLandsAtTheSelectedBlock) {
+  Driver driver(DriverConfig{});
+  ASSERT_TRUE(IsOk(SetCacheSize(driver, qvr::kDriverCacheSize)));
+  ASSERT_TRUE(IsOk(SelectBlock(driver, 2, 0x20)));
+  FakeClient upload = Upload(100, 100, 0x5A, 0x80000020);
+  ASSERT_TRUE(IsOk(upload.Send(driver, QVR_KORVA_IOCTL_SET_PARAM)));
+
+  const Bytes& cache = driver.cache();
+  ASSERT_EQ(cache.size(), static_cast<size_t>(qvr::kDriverCacheSize));
+  const size_t base = 2 * qvr::kCacheBlockSize;
+  EXPECT_EQ(std::count(cache.begin(), cache.end(), 0x5A), 100);
+  EXPECT_TRUE(std::all_of(cache.begin() + base, cache.begin() + base + 100, [](uint8_t b) { return b == 0x5A; }));
+  const korva_sim::BlockState& block = driver.blocks().at(2);
+  EXPECT_TRUE(block.uploaded);
+  EXPECT_EQ(block.device, 0x80000020u);
+  EXPECT_EQ(block.uploadSize, 100);
+}
+
+TEST(SimDriverTest, UploadSizeIsNeverTrusted) {
+  Driver driver(DriverConfig{});
+  ASSERT_TRUE(IsOk(SetCacheSize(driver, qvr::kDriverCacheSize)));
+
+  // No block selected yet.
+  FakeClient early = Upload(16, 16, 0x11);
+  EXPECT_EQ(early.Send(driver, QVR_KORVA_IOCTL_SET_PARAM).error, EINVAL);
+
+  ASSERT_TRUE(IsOk(SelectBlock(driver, 5, 1)));
+  // Reaching one byte past the end of the cache from the last block.
+  FakeClient pastEnd = Upload(static_cast<int32_t>(qvr::kCacheBlockSize) + 1, qvr::kCacheBlockSize + 1, 0x22);
+  EXPECT_EQ(pastEnd.Send(driver, QVR_KORVA_IOCTL_SET_PARAM).error, EINVAL);
+  // Absurd and negative sizes: only the descriptor is ever read.
+  for (const int32_t size : {INT32_MAX, -1}) {
+    FakeClient absurd = Upload(size, 8, 0x33);
+    EXPECT_EQ(absurd.Send(driver, QVR_KORVA_IOCTL_SET_PARAM).error, EINVAL) << size;
+    EXPECT_EQ(absurd.largestRequest, sizeof(qvr_korva_param_desc)) << size;
+  }
+  // A descriptor the client cannot even provide.
+  FakeClient truncated;
+  truncated.memory.assign(8, 0);
+  EXPECT_EQ(truncated.Send(driver, QVR_KORVA_IOCTL_SET_PARAM).error, EFAULT);
+
+  EXPECT_TRUE(std::all_of(driver.cache().begin(), driver.cache().end(), [](uint8_t b) { return b == 0; }))
+      << "no refused upload reached the cache";
+  EXPECT_FALSE(driver.blocks().at(5).uploaded);
+}
+
+TEST(SimDriverTest, CacheBlockMustFitTheCache) {
+  Driver driver(DriverConfig{});
+  EXPECT_EQ(SelectBlock(driver, 0, 1).error, EINVAL) << "no cache yet";
+  ASSERT_TRUE(IsOk(SetCacheSize(driver, qvr::kDriverCacheSize)));
+  EXPECT_TRUE(IsOk(SelectBlock(driver, 5, 1))) << "the last block ends exactly at the cache's end";
+  EXPECT_EQ(SelectBlock(driver, 6, 1).error, EINVAL);
+  EXPECT_EQ(SetCacheSize(driver, -1).error, EINVAL);
+}
+
+TEST(SimDriverTest, QueryReplyStaysInsideTheDescribedSpace) {
+  DriverConfig config;
+  config.dspVersion = "0123456789ABCDEFGHIJKLMNOP";
+  config.dspDescription = "desc";
+  Driver driver(config);
+
+  qvr_korva_param_desc version{PARAM_ID_DSP_VERSION, 20, -1, 0x80000002};
+  FakeClient client = ClientWith(version, 64, 0xEE);
+  ASSERT_TRUE(IsOk(client.Send(driver, QVR_KORVA_IOCTL_GET_PARAM)));
+  EXPECT_EQ(std::string(client.memory.begin() + 16, client.memory.begin() + 36), "0123456789ABCDEFGHIJ");
+  EXPECT_TRUE(std::all_of(client.memory.begin() + 36, client.memory.end(), [](uint8_t b) { return b == 0xEE; }));
+
+  // A shorter text is padded with zeros up to the described size, no further.
+  qvr_korva_param_desc description{PARAM_ID_DSP_DESCRIPTION, 8, -1, 0x80000002};
+  client = ClientWith(description, 64, 0xEE);
+  ASSERT_TRUE(IsOk(client.Send(driver, QVR_KORVA_IOCTL_GET_PARAM)));
+  EXPECT_EQ(Bytes(client.memory.begin() + 16, client.memory.begin() + 24),
+            (Bytes{'d', 'e', 's', 'c', 0, 0, 0, 0}));
+  EXPECT_EQ(client.memory[24], 0xEE);
+
+  // Unknown parameters and negative sizes are refused without touching the client.
+  for (const qvr_korva_param_desc bad :
+       {qvr_korva_param_desc{PARAM_ID_POSTMIX, 20, -1, 2}, qvr_korva_param_desc{PARAM_ID_DSP_VERSION, -4, -1, 2}}) {
+    client = ClientWith(bad, 64, 0xEE);
+    EXPECT_EQ(client.Send(driver, QVR_KORVA_IOCTL_GET_PARAM).error, EINVAL);
+    EXPECT_TRUE(std::all_of(client.memory.begin() + 16, client.memory.end(), [](uint8_t b) { return b == 0xEE; }));
+  }
+}
+
+TEST(SimDriverTest, ForcedRefusalChangesNothing) {
+  DriverConfig config;
+  config.answers = {{"SET_CACHE_SIZE", 1, -12}, {"GET_PARAM", 0, -5}};
+  Driver driver(config);
+  Outcome first = SetCacheSize(driver, 4096);
+  EXPECT_EQ(first.answer, -1);
+  EXPECT_EQ(first.error, 12);
+  EXPECT_TRUE(driver.cache().empty());
+  EXPECT_TRUE(IsOk(SetCacheSize(driver, 4096))) << "only the first occurrence was refused";
+  EXPECT_EQ(driver.cache().size(), 4096u);
+
+  FakeClient query = ClientWith(qvr_korva_param_desc{PARAM_ID_DSP_VERSION, 20, -1, 2}, 20, 0xEE);
+  const Outcome refused = query.Send(driver, QVR_KORVA_IOCTL_GET_PARAM);
+  EXPECT_EQ(refused.answer, -1);
+  EXPECT_EQ(refused.error, 5);
+  EXPECT_TRUE(std::all_of(query.memory.begin() + 16, query.memory.end(), [](uint8_t b) { return b == 0xEE; }))
+      << "a refused query writes no reply";
+}
+
+TEST(SimDriverTest, CaptureRecordsEveryRequestIncludingUnknownOnes) {
+  std::string pattern = testing::TempDir() + "korva_sim_XXXXXX";
+  ASSERT_NE(mkdtemp(pattern.data()), nullptr);
+  const std::string dir = pattern;
+  {
+    DriverConfig config;
+    config.captureDir = dir + "/capture";
+    Driver driver(config);
+    std::string error;
+    ASSERT_TRUE(driver.Start(error)) << error;
+    ASSERT_TRUE(IsOk(SetCacheSize(driver, qvr::kDriverCacheSize)));
+    FakeClient stray;
+    const Outcome unknown = stray.Send(driver, 0xF2FFu);
+    EXPECT_EQ(unknown.answer, -1);
+    EXPECT_EQ(unknown.error, ENOTTY);
+    EXPECT_EQ(stray.largestRequest, 0u) << "an unknown request's argument is not read";
+    FakeClient absurd = Upload(INT32_MAX, 4, 0x33);
+    absurd.Send(driver, QVR_KORVA_IOCTL_SET_PARAM);
+  }
+  std::ifstream journal(dir + "/capture/requests.jsonl");
+  std::stringstream text;
+  text << journal.rdbuf();
+  const std::string expected =
+      "{\"seq\":1,\"node\":\"/dev/qvr_korva\",\"request\":\"SET_CACHE_SIZE\",\"code\":1074065921,"
+      "\"answer\":0,\"errno\":0,\"arg\":\"0001-SET_CACHE_SIZE.bin\",\"arg_size\":4}\n"
+      "{\"seq\":2,\"node\":\"/dev/qvr_korva\",\"request\":\"UNKNOWN\",\"code\":62207,"
+      "\"answer\":-1,\"errno\":25,\"arg\":\"0002-UNKNOWN.bin\",\"arg_size\":0}\n"
+      "{\"seq\":3,\"node\":\"/dev/qvr_korva\",\"request\":\"SET_PARAM\",\"code\":1074328067,"
+      "\"answer\":-1,\"errno\":22,\"arg\":\"0003-SET_PARAM.bin\",\"arg_size\":16}\n";
+  EXPECT_EQ(text.str(), expected);
+  EXPECT_EQ(fs::file_size(dir + "/capture/0001-SET_CACHE_SIZE.bin"), 4u);
+  EXPECT_EQ(fs::file_size(dir + "/capture/0003-SET_PARAM.bin"), 16u);
+  fs::remove_all(dir);
+  EXPECT_FALSE(fs::exists(dir));
+}
+
+}  // namespace
