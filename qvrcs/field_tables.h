@@ -239,17 +239,25 @@ constexpr size_t TableEnd(const RepeatedCopyEntry<Msg>& entry) {
   return entry.offset + 4u * entry.slots;
 }
 
-// Offset of the entry whose getter is `get`, or SIZE_MAX.
+constexpr bool SameName(const char* a, const char* b) {
+  while (*a != '\0' && *a == *b) {
+    ++a;
+    ++b;
+  }
+  return *a == *b;
+}
+
+// Offset of the entry for the field `name`, or SIZE_MAX.
 template <class Msg>
-constexpr size_t OffsetOf(const FieldCopyTable<Msg>& table, int32_t (Msg::*get)() const) {
+constexpr size_t OffsetOf(const FieldCopyTable<Msg>& table, const char* name) {
   for (size_t i = 0; i < table.count; ++i) {
-    if (table.entries[i].get == get) return table.entries[i].offset;
+    if (SameName(table.entries[i].name, name)) return table.entries[i].offset;
   }
   return SIZE_MAX;
 }
 
-// The word that a zell_multi_ch of -1 is rewritten to 0 in.
-inline constexpr size_t kZellMultiChWord = OffsetOf(kPostmixWords, &pbkorva::Postmix::zell_multi_ch);
+// The word in which a zell_multi_ch of -1 is rewritten to 0.
+inline constexpr size_t kZellMultiChWord = OffsetOf(kPostmixWords, "zell_multi_ch");
 static_assert(kZellMultiChWord != SIZE_MAX, "zell_multi_ch is in the control words");
 
 static_assert(kDravoReserved + 2 == kPremixEnhance2Section - kPremixDravoSection);

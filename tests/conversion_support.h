@@ -87,7 +87,6 @@ struct PathTarget {
 };
 
 inline PathTarget Resolve(google::protobuf::Message& root, const std::string& path) {
-  PathTarget target;
   google::protobuf::Message* message = &root;
   size_t start = 0;
   while (true) {
