@@ -1,14 +1,10 @@
 #include "configurator/settings.h"
 
-#include <fcntl.h>
-#include <google/protobuf/io/zero_copy_stream_impl.h>
-#include <google/protobuf/text_format.h>
-#include <unistd.h>
-
 #include <cstdlib>
 #include <iterator>
 
 #include "configurator.pb.h"
+#include "configurator/config_file.h"
 #include "configurator/korva_driver.h"
 #include "configurator/log.h"
 #include "configurator/tuning_reader.h"
@@ -40,13 +36,8 @@ constexpr char kLogReaderResult[] = "QVRCS_GetPremixData() returns %d";
 constexpr char kLogUploadResult[] = "ioctl(QVR_KORVA_IOCTL_SET_PARAM) returns %d";
 constexpr char kLogLoadSetResult[] = "load_one_qvrcs_set() returns %d";
 
-// The six slots of "configurator.cfg"; a slot's position is its cache block index.
-using SlotGetter = const SettingsSet& (ConfiguratorConfig::*)() const;
-constexpr SlotGetter kSlots[] = {
-    &ConfiguratorConfig::attached0,  &ConfiguratorConfig::attached1, &ConfiguratorConfig::lineout0,
-    &ConfiguratorConfig::bluetooth0, &ConfiguratorConfig::combo0,    &ConfiguratorConfig::other,
-};
-static_assert(std::size(kSlots) == qvr::kCacheBlockCount, "one slot per cache block");
+// The six slots of "configurator.cfg", in cache block order.
+constexpr const auto& kSlots = qvr::kConfigSlots;
 
 // Set once per load_settings; every file path is formed from it.
 std::string g_searchPath;
@@ -61,16 +52,15 @@ void LogCacheBlock(const qvr_korva_cache_block& block) {
 
 // Parses the configuration file; returns kResultOk, kResultNoFile or kResultBadConfig.
 int32_t ReadConfig(const std::string& path, ConfiguratorConfig& config) {
-  const int fd = open(path.c_str(), O_RDONLY);
-  if (fd < 0) {
-    QVR_LOG(kLogNoConfig, path.c_str());
-    return qvr::kResultNoFile;
-  }
-  google::protobuf::io::FileInputStream stream(fd);
-  stream.SetCloseOnDelete(true);
-  if (!google::protobuf::TextFormat::Parse(&stream, &config)) {
-    QVR_LOG(kLogBadConfig);
-    return qvr::kResultBadConfig;
+  switch (qvr::ReadConfiguratorConfig(path, config, nullptr)) {
+    case qvr::ConfigRead::kCannotOpen:
+      QVR_LOG(kLogNoConfig, path.c_str());
+      return qvr::kResultNoFile;
+    case qvr::ConfigRead::kBadSyntax:
+      QVR_LOG(kLogBadConfig);
+      return qvr::kResultBadConfig;
+    case qvr::ConfigRead::kOk:
+      break;
   }
   return qvr::kResultOk;
 }
@@ -78,9 +68,7 @@ int32_t ReadConfig(const std::string& path, ConfiguratorConfig& config) {
 }  // namespace
 
 std::string join_search_path(const std::string& name) {
-  std::string path = g_searchPath;
-  if (path.empty() || path.back() != '/') path += '/';
-  return path + name;
+  return qvr::JoinPath(g_searchPath, name);
 }
 
 int32_t load_settings(const char* searchPath) {
@@ -103,7 +91,7 @@ int32_t load_settings(const char* searchPath) {
     if (result == qvr::kResultOk) {
       int32_t slotResults = 0;
       for (size_t index = 0; index < std::size(kSlots); ++index) {
-        const SettingsSet& slot = (config.*kSlots[index])();
+        const SettingsSet& slot = (config.*kSlots[index].get)();
         slotResults |= load_one_qvrcs_set(join_search_path(slot.filename()).c_str(),
                                           slot.device_bitmask(), static_cast<int32_t>(index));
       }

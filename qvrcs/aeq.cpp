@@ -4,6 +4,7 @@
 
 #include "qvrcs/coef_pack.h"
 #include "qvrcs/qvrcs.h"
+#include "qvrcs/record_layout.h"
 
 using com::qvr::pb::coef::Aeq;
 using com::qvr::pb::coef::CoefTable;
@@ -14,17 +15,15 @@ using qvrcs::BlockView;
 
 namespace {
 
-// One channel section: order word, a -1 word, then the IIR coefficients.
-constexpr size_t kAeqChannel0 = 0;
-constexpr size_t kAeqChannel1 = qvrcs::kAeqChannelWords * 4;
-constexpr size_t kAeqOrderWord = 0;
-constexpr size_t kAeqMarkerWord = 4;
-constexpr size_t kAeqCoefs = 8;
-constexpr int32_t kAeqMarker = -1;
-constexpr int32_t kAeqDefaultOrder = 24;  // a bank without iirOrder
-constexpr size_t kAeqChannels = 2;
-
-static_assert(kAeqChannels * kAeqChannel1 == qvrcs::kAeqRecordSize, "two channel sections");
+// Record layout: qvrcs/record_layout.h.
+using qvrcs::kAeqChannel0;
+using qvrcs::kAeqChannel1;
+using qvrcs::kAeqChannels;
+using qvrcs::kAeqCoefs;
+using qvrcs::kAeqDefaultOrder;
+using qvrcs::kAeqMarker;
+using qvrcs::kAeqMarkerWord;
+using qvrcs::kAeqOrderWord;
 
 const Aeq* FindAeq(const std::string& uuid, const ListeningModelList& models) {
   for (const listeningModel& model : models) {

@@ -6,6 +6,7 @@
 
 #include "qvrcs/coef_pack.h"
 #include "qvrcs/qvrcs.h"
+#include "qvrcs/record_layout.h"
 
 using com::qvr::pb::coef::CoefTable;
 using com::qvr::pb::model::headphoneEq;
@@ -18,25 +19,21 @@ namespace {
 constexpr size_t kUuidTextLength = 36;  // 8-4-4-4-12 hex digits with dashes
 constexpr size_t kUuidBytes = 16;
 
-// Room record, relative to the start of its slot.
-constexpr size_t kRoomUuid = 0;
-constexpr size_t kRoomChannelMask = 16;
-constexpr size_t kRoomNumPairs = 20;
-constexpr size_t kRoomBrirLength = 24;
-constexpr size_t kRoomSampleRate = 28;
-constexpr size_t kRoomReverbGain = 32;
-constexpr size_t kRoomReverbCut = 36;
-constexpr size_t kRoomCoefs = 40;
-
-// Headphone equaliser record, relative to the start of its slot. The table
-// is read as c0, c1 and then two equal halves, one per channel.
-constexpr size_t kHpeqUuid = 0;
-constexpr size_t kHpeqSampleRate = 16;
-constexpr size_t kHpeqLength = 20;
-constexpr size_t kHpeqCoefs = 24;      // c0, c1, then the channel halves
-constexpr size_t kHpeqLeadValues = 2;  // c0 and c1
-// Taps per channel that the DSP takes; a longer filter is cut to this.
-constexpr uint32_t kHpeqMaxTaps = 128;
+// Record layouts: qvrcs/record_layout.h.
+using qvrcs::kHpeqCoefs;
+using qvrcs::kHpeqLeadValues;
+using qvrcs::kHpeqLength;
+using qvrcs::kHpeqMaxTaps;
+using qvrcs::kHpeqSampleRate;
+using qvrcs::kHpeqUuid;
+using qvrcs::kRoomBrirLength;
+using qvrcs::kRoomChannelMask;
+using qvrcs::kRoomCoefs;
+using qvrcs::kRoomNumPairs;
+using qvrcs::kRoomReverbCut;
+using qvrcs::kRoomReverbGain;
+using qvrcs::kRoomSampleRate;
+using qvrcs::kRoomUuid;
 
 int HexValue(char c) {
   if (c >= '0' && c <= '9') return c - '0';

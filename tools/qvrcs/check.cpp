@@ -1,0 +1,153 @@
+#include "tools/qvrcs/check.h"
+
+#include <google/protobuf/io/tokenizer.h>
+
+#include <cerrno>
+#include <cstring>
+
+#include "configurator.pb.h"
+#include "configurator/config_file.h"
+#include "configurator/korva_driver.h"
+#include "configurator/settings.h"
+#include "qvrcs/qvrcs.h"
+#include "tools/qvrcs/analysis.h"
+#include "tools/qvrcs/tuning.h"
+
+namespace qvrcs_tool {
+namespace {
+
+using com::qvr::korva::configurator::qdsp6::ConfiguratorConfig;
+
+// Collects the parser's complaints as "file:line:column: message" (1-based).
+class ConfigErrors : public google::protobuf::io::ErrorCollector {
+ public:
+  ConfigErrors(std::string path, std::vector<std::string>& out) : path_(std::move(path)), out_(out) {}
+
+  void AddError(int line, int column, const std::string& message) override {
+    Add(line, column, message);
+  }
+  void AddWarning(int line, int column, const std::string& message) override {
+    Add(line, column, "warning: " + message);
+  }
+
+ private:
+  void Add(int line, int column, const std::string& message) {
+    if (line < 0) {
+      out_.push_back(path_ + ": " + message);
+    } else {
+      out_.push_back(path_ + ":" + std::to_string(line + 1) + ":" + std::to_string(column + 1) + ": " +
+                     message);
+    }
+  }
+
+  std::string path_;
+  std::vector<std::string>& out_;
+};
+
+void CheckSlot(SlotReport& slot, CheckReport& report) {
+  auto warn = [&](const char* code, std::string message, bool note) {
+    report.warnings.push_back(CheckWarning{slot.slot, slot.filename, code, std::move(message), note});
+  };
+
+  const ReaderRun run = RunReader(slot.path);
+  slot.readerStatus = run.status;
+  slot.log = run.log;
+  slot.loaded = run.status == 0;
+
+  std::string bytes;
+  std::string error;
+  if (!ReadBytes(slot.path, bytes, error)) {
+    if (slot.loaded) {
+      warn("unparsable", slot.path + " " + error + ": the configurator uploads a blank payload and logs no error",
+           false);
+    } else {
+      slot.meaning = "the tuning file could not be opened";
+      slot.culprit = slot.path + ": " + error;
+    }
+    return;
+  }
+  Qvrcs message;
+  slot.parsed = ParseTuning(bytes, message);
+  if (!slot.parsed) {
+    warn("unparsable", "does not parse as a tuning file: the configurator uploads a blank (all-zero) "
+                       "payload and logs no error",
+         false);
+    return;
+  }
+  const std::unique_ptr<Conversion> conversion = Convert(message);
+  slot.premixStatus = conversion->premixStatus;
+  slot.postmixStatus = conversion->postmixStatus;
+  if (!slot.loaded) {
+    if (!conversion->selected) {
+      slot.meaning = "nothing to convert";
+    } else {
+      const int32_t failing = conversion->postmixStatus != 0 ? conversion->postmixStatus : conversion->premixStatus;
+      slot.meaning = std::string(conversion->postmixStatus != 0 ? "postmix " : "premix ") +
+                     std::to_string(failing) + ": " + QVRCS_StatusText(failing);
+    }
+    slot.culprit = DiagnoseFailure(message, *conversion);
+  }
+  for (const Warning& w : FindSuspicious(message, *conversion)) warn(w.code.c_str(), w.message, w.note);
+}
+
+}  // namespace
+
+size_t CheckReport::Failures() const {
+  size_t failures = configOk ? 0 : 1;
+  for (const SlotReport& slot : slots) failures += slot.loaded ? 0 : 1;
+  return failures;
+}
+
+size_t CheckReport::Warnings() const {
+  size_t count = 0;
+  for (const CheckWarning& w : warnings) count += w.note ? 0 : 1;
+  return count;
+}
+
+CheckReport Check(const std::string& dir) {
+  CheckReport report;
+  report.searchPath = dir;
+  // The configurator joins its argument to an empty stored path: the result
+  // is always rooted at "/".
+  report.storedPath = qvr::JoinPath("", dir);
+  if (dir.empty() || dir.front() != '/') {
+    report.warnings.push_back(CheckWarning{
+        "", "", "relative-path",
+        "search path \"" + dir + "\" is relative: the configurator roots it at \"/\" and would read " +
+            qvr::JoinPath(report.storedPath, qvr::kConfigFileName) + "; checked here relative to the "
+            "current directory",
+        false});
+  }
+
+  report.configPath = qvr::JoinPath(dir, qvr::kConfigFileName);
+  ConfiguratorConfig config;
+  ConfigErrors collector(report.configPath, report.configErrors);
+  switch (qvr::ReadConfiguratorConfig(report.configPath, config, &collector)) {
+    case qvr::ConfigRead::kCannotOpen:
+      report.configErrors.push_back(report.configPath + ": cannot open: " + std::strerror(errno));
+      return report;
+    case qvr::ConfigRead::kBadSyntax:
+      if (report.configErrors.empty()) report.configErrors.push_back(report.configPath + ": does not parse");
+      return report;
+    case qvr::ConfigRead::kOk:
+      report.configOk = true;
+      break;
+  }
+
+  size_t index = 0;
+  for (const qvr::ConfigSlot& entry : qvr::kConfigSlots) {
+    const auto& set = (config.*entry.get)();
+    SlotReport slot;
+    slot.slot = entry.name;
+    slot.index = index;
+    slot.filename = set.filename();
+    slot.path = qvr::JoinPath(dir, set.filename());
+    slot.deviceBitmask = qvr_slot_bitmask(static_cast<uint32_t>(index), set.device_bitmask());
+    CheckSlot(slot, report);
+    report.slots.push_back(slot);
+    ++index;
+  }
+  return report;
+}
+
+}  // namespace qvrcs_tool

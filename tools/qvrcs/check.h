@@ -1,0 +1,53 @@
+// `qvrcs check DIR`: everything the configurator would do with the search
+// path DIR, without a driver.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <string>
+#include <vector>
+
+namespace qvrcs_tool {
+
+struct SlotReport {
+  std::string slot;      // attached0 ... other
+  size_t index = 0;      // cache block index
+  std::string filename;  // as configurator.cfg names it
+  std::string path;      // where it was read
+  uint32_t deviceBitmask = 0;  // as the configurator sends it (combo bit added)
+  int32_t readerStatus = 0;    // the reader's result: what the device logs
+  bool parsed = false;         // the file parses as a tuning file
+  int32_t premixStatus = 0;
+  int32_t postmixStatus = 0;
+  bool loaded = false;         // the configurator would upload it
+  std::string meaning;         // of the failing status
+  std::string culprit;         // the record that caused the failure
+  std::string log;             // the reader's log lines
+};
+
+struct CheckWarning {
+  std::string slot;  // "" for the search path or configuration file
+  std::string file;
+  std::string code;
+  std::string message;
+  bool note = false;
+};
+
+struct CheckReport {
+  std::string searchPath;   // as given
+  std::string storedPath;   // as the configurator stores it
+  std::string configPath;
+  bool configOk = false;
+  std::vector<std::string> configErrors;  // "file:line:column: message"
+  std::vector<SlotReport> slots;
+  std::vector<CheckWarning> warnings;
+
+  size_t Failures() const;
+  size_t Warnings() const;  // notes excluded
+};
+
+// Reads DIR/configurator.cfg and runs every slot's tuning file through the
+// configurator's reader and converters.
+CheckReport Check(const std::string& dir);
+
+}  // namespace qvrcs_tool

@@ -1,0 +1,25 @@
+// qvrcs, the host companion of the configurator: checks, explains,
+// converts, diffs, dumps and encodes tuning files with the configurator's
+// own reader and converters.
+#pragma once
+
+#include <ostream>
+#include <string>
+#include <vector>
+
+namespace qvrcs_tool {
+
+// Exit statuses of every command.
+constexpr int kExitOk = 0;
+// check: a slot fails or a warning is raised; diff: the inputs differ;
+// convert: the configurator would not upload the file, or uploads it blank.
+constexpr int kExitFindings = 1;
+constexpr int kExitUsage = 2;     // bad command line
+constexpr int kExitBadInput = 3;  // an input is missing, unreadable or of the wrong kind
+
+// Runs one command line (`args` without the program name), writing the
+// command's output to `out` and error lines ("qvrcs: FILE: what is wrong")
+// to `err`. Returns the exit status.
+int Run(const std::vector<std::string>& args, std::ostream& out, std::ostream& err);
+
+}  // namespace qvrcs_tool

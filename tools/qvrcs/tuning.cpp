@@ -1,0 +1,169 @@
+#include "tools/qvrcs/tuning.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <fstream>
+#include <sstream>
+
+#include "configurator/payload.h"
+#include "configurator/tuning_reader.h"
+#include "qvrcs/qvrcs.h"
+
+namespace qvrcs_tool {
+
+bool ReadBytes(const std::string& path, std::string& bytes, std::string& error) {
+  struct stat info {};
+  if (stat(path.c_str(), &info) != 0) {
+    error = std::string("cannot open: ") + std::strerror(errno);
+    return false;
+  }
+  if (S_ISDIR(info.st_mode)) {
+    error = "is a directory, not a file";
+    return false;
+  }
+  std::ifstream in(path, std::ios::binary);
+  if (!in) {
+    error = std::string("cannot open: ") + std::strerror(errno);
+    return false;
+  }
+  std::ostringstream all;
+  all << in.rdbuf();
+  if (in.bad()) {
+    error = "cannot read";
+    return false;
+  }
+  bytes = all.str();
+  return true;
+}
+
+bool ParseTuning(const std::string& bytes, Qvrcs& message) {
+  bool parsed = false;
+  // A message with missing required fields would be logged by protobuf.
+  CaptureStderr([&] { parsed = message.ParseFromString(bytes); });
+  return parsed;
+}
+
+bool ReadInput(const std::string& path, InputKind kind, Input& input, std::string& error) {
+  input = Input{};
+  input.path = path;
+  std::string bytes;
+  if (!ReadBytes(path, bytes, error)) return false;
+
+  const bool blockSized = bytes.size() == qvr::kCacheBlockSize;
+  if (kind == InputKind::kPayload) {
+    if (!blockSized) {
+      error = "not a payload: " + std::to_string(bytes.size()) + " bytes, a cache block payload has " +
+              std::to_string(qvr::kCacheBlockSize);
+      return false;
+    }
+  } else {
+    auto message = std::make_unique<Qvrcs>();
+    if (ParseTuning(bytes, *message)) {
+      input.tuning = std::move(message);
+      return true;
+    }
+    if (kind == InputKind::kTuning || !blockSized) {
+      error = bytes.empty() ? "empty file"
+                            : "does not parse as a tuning file (truncated, or not a tuning file)";
+      if (!blockSized && kind == InputKind::kAuto && !bytes.empty()) {
+        error += "; not a payload either (" + std::to_string(bytes.size()) + " bytes, not " +
+                 std::to_string(qvr::kCacheBlockSize) + ")";
+      }
+      return false;
+    }
+  }
+  input.isPayload = true;
+  input.payload.assign(bytes.begin(), bytes.end());
+  return true;
+}
+
+const KorvaSettings* SelectSettings(const Qvrcs& message, std::string& why) {
+  if (message.workspace_size() == 0) {
+    why = "the file has no workspace";
+    return nullptr;
+  }
+  const auto& workspace = message.workspace(0);
+  if (workspace.routeconfiguration_size() == 0) {
+    why = "workspace[0] has no routeConfiguration";
+    return nullptr;
+  }
+  const auto& route = workspace.routeconfiguration(0);
+  if (route.tech_size() == 0) {
+    why = "workspace[0].routeConfiguration[0] has no tech";
+    return nullptr;
+  }
+  return &route.tech(0).korva_v1_1();
+}
+
+std::unique_ptr<Conversion> Convert(const Qvrcs& message) {
+  auto conversion = std::make_unique<Conversion>();
+  conversion->settings = SelectSettings(message, conversion->selectError);
+  conversion->selected = conversion->settings != nullptr;
+  if (!conversion->selected) return conversion;
+
+  ConversionContext context;
+  QVRCS_InitContext(context, kSampleRate);
+  conversion->premixStatus =
+      QVRCS_ConvertPremix(context, *conversion->settings, conversion->premix, true);
+  const ListeningModelList models;
+  conversion->postmixStatus =
+      QVRCS_ConvertPostmix(context, *conversion->settings, conversion->postmix, true, models);
+  return conversion;
+}
+
+std::vector<uint8_t> PayloadOf(const Conversion& conversion) {
+  std::vector<uint8_t> payload(qvr::kCacheBlockSize, 0);
+  std::copy(conversion.premix.begin(), conversion.premix.end(),
+            payload.begin() + qvr::kPremixPayloadOffset);
+  std::copy(conversion.postmix.begin(), conversion.postmix.end(),
+            payload.begin() + qvr::kPostmixPayloadOffset);
+  return payload;
+}
+
+ReaderRun RunReader(const std::string& path) {
+  ReaderRun run;
+  run.payload.assign(qvr::kCacheBlockSize, 0);
+  run.log = CaptureStderr([&] { run.status = QVRCS_GetPremixData(path.c_str(), run.payload.data()); });
+  return run;
+}
+
+StderrCapture::StderrCapture() {
+  std::fflush(stderr);
+  char name[] = "/tmp/qvrcs-stderr-XXXXXX";
+  file_ = mkstemp(name);
+  if (file_ < 0) return;  // nothing captured; the lines go where they would
+  unlink(name);
+  saved_ = dup(STDERR_FILENO);
+  if (saved_ < 0 || dup2(file_, STDERR_FILENO) < 0) {
+    if (saved_ >= 0) close(saved_);
+    close(file_);
+    saved_ = file_ = -1;
+  }
+}
+
+std::string StderrCapture::Finish() {
+  if (file_ < 0) return {};
+  std::fflush(stderr);
+  dup2(saved_, STDERR_FILENO);
+  close(saved_);
+  saved_ = -1;
+  std::string text;
+  if (lseek(file_, 0, SEEK_SET) == 0) {
+    char buffer[4096];
+    ssize_t n = 0;
+    while ((n = read(file_, buffer, sizeof buffer)) > 0) text.append(buffer, static_cast<size_t>(n));
+  }
+  close(file_);
+  file_ = -1;
+  return text;
+}
+
+StderrCapture::~StderrCapture() { Finish(); }
+
+}  // namespace qvrcs_tool
