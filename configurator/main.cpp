@@ -7,6 +7,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <string>
 
 #include "configurator/korva_driver.h"
 #include "configurator/log.h"
@@ -28,8 +29,8 @@ constexpr int kRetrySleepMs = 100;
 // Log lines of this file.
 constexpr char kLogBanner[] = "running qvr_configurator (%li bit): version %d.%d (targeting Korva %s)";
 constexpr char kLogSearchPath[] = "Using %s as search path";
+// Logged as is, and written to standard output with a final full stop.
 constexpr char kLogSecondArgument[] = "Trying to specify second argument to release build. Argument ignored";
-constexpr char kPutsSecondArgument[] = "Trying to specify second argument to release build. Argument ignored.";
 constexpr char kLogHardwareOpenFailed[] =
     "Error opening korva DSP driver (errno %i, %s). Attempting to open SOFTWARE driver.";
 constexpr char kLogSoftwareOpenGiveUp[] =
@@ -110,7 +111,7 @@ int main(int argc, char** argv) {
     // Only exactly one extra argument draws the warning.
     if (argc == 3) {
       QVR_LOG(kLogSecondArgument);
-      puts(kPutsSecondArgument);
+      puts((std::string(kLogSecondArgument) + ".").c_str());
     }
   }
 

@@ -6,7 +6,9 @@
 // (sim_model.h) until the program exits. Nodes left out of the simulation
 // are made to fail to open by a small preload library of our own
 // (absent_nodes.cpp), which sits in front of umockdev's.
+#include <glib-unix.h>
 #include <glib.h>
+#include <signal.h>
 #include <sys/wait.h>
 #include <umockdev.h>
 
@@ -55,9 +57,19 @@ void Complain(const std::string& message) {
 }
 
 struct ChildState {
+  GPid pid = 0;
   bool done = false;
   int status = 0;
 };
+
+// A signal meant to stop the run goes on to the program; the simulator stays
+// until the program has ended, so that it can clean up its testbed.
+template <int Signal>
+gboolean ForwardSignal(gpointer data) {
+  const auto* child = static_cast<const ChildState*>(data);
+  if (!child->done) kill(child->pid, Signal);
+  return G_SOURCE_CONTINUE;
+}
 
 void OnChildExit(GPid pid, gint status, gpointer data) {
   auto* child = static_cast<ChildState*>(data);
@@ -153,12 +165,14 @@ int main(int argc, char** argv) {
                  "REQUEST[#N]=VALUE: answer VALUE instead of 0 to REQUEST (its N-th occurrence, from "
                  "1, or every one); a negative VALUE is answered as -1 with errno set to its "
                  "magnitude. A refused request changes nothing in the driver.")
+      ->type_name("REQUEST[#N]=VALUE")
       ->allow_extra_args(false)
       ->multi_option_policy(CLI::MultiOptionPolicy::TakeAll);
   app.add_option("--capture", config.captureDir,
-                 "record every request in DIR/requests.jsonl and DIR/NNNN-REQUEST.bin");
+                 "record every request in DIR/requests.jsonl and DIR/NNNN-REQUEST.bin")
+      ->type_name("DIR");
   app.add_flag("--summary", summary, "print what the driver holds after the run");
-  app.add_option("--dump-cache", dumpCache, "write the final cache to FILE");
+  app.add_option("--dump-cache", dumpCache, "write the final cache to FILE")->type_name("FILE");
   try {
     app.parse(split, argv);
   } catch (const CLI::ParseError& e) {
@@ -239,7 +253,11 @@ int main(int argc, char** argv) {
     g_error_free(spawnError);
   } else {
     ChildState child;
+    child.pid = pid;
     g_child_watch_add(pid, OnChildExit, &child);
+    g_unix_signal_add(SIGINT, ForwardSignal<SIGINT>, &child);
+    g_unix_signal_add(SIGTERM, ForwardSignal<SIGTERM>, &child);
+    g_unix_signal_add(SIGHUP, ForwardSignal<SIGHUP>, &child);
     while (!child.done) g_main_context_iteration(nullptr, TRUE);
     status = PassOn(child.status);
   }
