@@ -144,8 +144,7 @@ class RatioReporter : public benchmark::ConsoleReporter {
     for (const Run& run : runs) {
       const bool median = run.run_type == Run::RT_Aggregate && run.aggregate_name == "median";
       if (run.run_type == Run::RT_Iteration || median) {
-        times_[run.run_name.function_name] = {run.GetAdjustedCPUTime(),
-                                              run.GetAdjustedRealTime()};
+        times_[run.run_name.function_name] = {run.GetAdjustedCPUTime(), run.GetAdjustedRealTime()};
       }
     }
     ConsoleReporter::ReportRuns(runs);
@@ -175,7 +174,8 @@ BENCHMARK(BM_GetPremixData)->Unit(benchmark::kMicrosecond);
 
 int main(int argc, char** argv) {
   const char* tmp = std::getenv("TMPDIR");
-  std::string dir = std::string(tmp != nullptr && *tmp != '\0' ? tmp : "/tmp") + "/reader_bench_XXXXXX";
+  std::string dir =
+      std::string(tmp != nullptr && *tmp != '\0' ? tmp : "/tmp") + "/reader_bench_XXXXXX";
   if (mkdtemp(dir.data()) == nullptr) return 1;
   g_path = dir + "/maximum.qvrcs";
   {

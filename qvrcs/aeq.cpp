@@ -9,8 +9,8 @@
 using com::qvr::pb::coef::Aeq;
 using com::qvr::pb::coef::CoefTable;
 using com::qvr::pb::coef::FilterBank;
-using com::qvr::pb::model::listeningModel;
 using com::qvr::pb::korva_v1_1::Postmix;
+using com::qvr::pb::model::listeningModel;
 using qvrcs::BlockView;
 
 namespace {
@@ -40,8 +40,8 @@ int32_t BankOrder(const FilterBank& bank) {
 
 }  // namespace
 
-int32_t QVRCS_LoadAeq(const std::string& uuid, const ListeningModelList& models,
-                      BlockView record, uint32_t sampleRate) {
+int32_t QVRCS_LoadAeq(const std::string& uuid, const ListeningModelList& models, BlockView record,
+                      uint32_t sampleRate) {
   const Aeq* aeq = FindAeq(uuid, models);
   if (aeq == nullptr) return QVRCS_ERR_NO_COEF_TABLE;
 
@@ -87,8 +87,7 @@ int32_t QVRCS_ConvertAeqCoef(const ConversionContext& context, const Postmix& po
   int32_t status = QVRCS_NOTHING_TO_LOAD;
   for (const auto& locator : postmix.aeqcoef()) {
     if (locator.uuid().empty()) continue;
-    status = QVRCS_LoadAeq(locator.uuid(), models, block.At(qvrcs::kAeqRecord),
-                           context.sampleRate);
+    status = QVRCS_LoadAeq(locator.uuid(), models, block.At(qvrcs::kAeqRecord), context.sampleRate);
     if (status == QVRCS_OK) break;
   }
   return status;

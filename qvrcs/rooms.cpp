@@ -62,7 +62,9 @@ const headphoneEq* FindHeadphoneEq(const std::string& uuid, const ListeningModel
 }
 
 // The record fields are unsigned counts; the DSP reads the same 32 bits.
-int32_t AsWord(uint32_t value) { return static_cast<int32_t>(value); }
+int32_t AsWord(uint32_t value) {
+  return static_cast<int32_t>(value);
+}
 
 }  // namespace
 

@@ -1,6 +1,7 @@
 // The AEQ record: bank selection by rate, the record layout, failures that
 // leave a partly written record, the locator walk and the block's limits.
 #include "postmix_support.h"
+#include "qvrcs/record_layout.h"
 
 namespace {
 
@@ -11,7 +12,7 @@ using com::qvr::pb::korva_v1_1::Postmix;
 using com::qvr::pb::model::listeningModel;
 
 constexpr size_t kRecord = qvrcs::kAeqRecord;
-constexpr size_t kChannel1 = kRecord + 4 * qvrcs::kAeqChannelWords;
+constexpr size_t kChannel1 = kRecord + qvrcs::kAeqChannel1;
 constexpr size_t kRecordEnd = kRecord + qvrcs::kAeqRecordSize;
 
 // A bank whose IIR table for `rate` (if any) holds `coefs`.
@@ -45,10 +46,10 @@ int32_t Load(const listeningModel& model, const std::string& uuid, Block& block)
 TEST(AeqLoad, WithMoreThanTwoBanksOnlyBanksWithATableForTheRateCount) {
   listeningModel model;
   Aeq* aeq = AddAeq(&model, "aeq");
-  AddBank(aeq, 6, kRate44k, {9, 9});   // no 48000 Hz table: dropped
+  AddBank(aeq, 6, kRate44k, {9, 9});  // no 48000 Hz table: dropped
   AddBank(aeq, std::nullopt, kRate48k, Ramp(10, 100));
   AddBank(aeq, 8, kRate48k, Ramp(334, -500));
-  AddBank(aeq, 10, kRate48k, {7});     // a fourth usable bank is ignored
+  AddBank(aeq, 10, kRate48k, {7});  // a fourth usable bank is ignored
   const std::string before = model.SerializeAsString();
 
   Block block;

@@ -1,6 +1,7 @@
 // The whole postmix block: template, fill order, the walk rules of rooms and
 // headphone EQ, the high-pass section, and what a failing step leaves behind.
 #include "postmix_support.h"
+#include "qvrcs/record_layout.h"
 #include "qvrcs/templates.h"
 
 namespace {
@@ -116,17 +117,17 @@ TEST_F(PostmixBlockTest, EverySectionFromOneSettingsRecord) {
   Block block;
   ASSERT_EQ(Convert(block), QVRCS_OK);
   EXPECT_TRUE(WordsAre(block, qvrcs::kPostmixFixedWords, {3000, 9540, 5000, 5000}));
-  EXPECT_EQ(block.I32(qvrcs::kMultichRoomSlot + 20), 100);
-  EXPECT_TRUE(HalfWordsAre(block, qvrcs::kMultichRoomSlot + 40, Ramp(100, 1)));
-  EXPECT_TRUE(HalfWordsAre(block, qvrcs::kFrontRoomSlot + 40, Ramp(50, 2000)));
-  EXPECT_TRUE(HalfWordsAre(block, qvrcs::kWideRoomSlot + 40, Ramp(60, 3000)));
-  EXPECT_TRUE(WordsAre(block, qvrcs::kHeadphoneEqSlot + 16, {48000, 10}));
-  EXPECT_TRUE(HalfWordsAre(block, qvrcs::kHeadphoneEqSlot + 24, Ramp(10, 4000)));
+  EXPECT_EQ(block.I32(qvrcs::kMultichRoomSlot + qvrcs::kRoomNumPairs), 100);
+  EXPECT_TRUE(HalfWordsAre(block, qvrcs::kMultichRoomSlot + qvrcs::kRoomCoefs, Ramp(100, 1)));
+  EXPECT_TRUE(HalfWordsAre(block, qvrcs::kFrontRoomSlot + qvrcs::kRoomCoefs, Ramp(50, 2000)));
+  EXPECT_TRUE(HalfWordsAre(block, qvrcs::kWideRoomSlot + qvrcs::kRoomCoefs, Ramp(60, 3000)));
+  EXPECT_TRUE(WordsAre(block, qvrcs::kHeadphoneEqSlot + qvrcs::kHpeqSampleRate, {48000, 10}));
+  EXPECT_TRUE(HalfWordsAre(block, qvrcs::kHeadphoneEqSlot + qvrcs::kHpeqCoefs, Ramp(10, 4000)));
   EXPECT_TRUE(WordsAre(block, qvrcs::kHpfOrder, {2}));
   EXPECT_TRUE(WordsAre(block, qvrcs::kHpfCoefs, Ramp(20, -7)));
   EXPECT_TRUE(WordsAre(block, qvrcs::kAeqRecord, {24, -1, 10, 11, 0}));
-  EXPECT_TRUE(WordsAre(block, qvrcs::kAeqRecord + 4 * qvrcs::kAeqChannelWords,
-                       {24, -1, 20, 21, 0}));
+  EXPECT_TRUE(
+      WordsAre(block, qvrcs::kAeqRecord + 4 * qvrcs::kAeqChannelWords, {24, -1, 20, 21, 0}));
   EXPECT_TRUE(WordsAre(block, qvrcs::kVelmoHpfOrder, {4}));
   EXPECT_TRUE(HalfWordsAre(block, qvrcs::kVelmoHpfCoefs, {41, 42, 0}));
   EXPECT_TRUE(WordsAre(block, qvrcs::kVelmoXoverOrder, {3}));
@@ -148,14 +149,14 @@ TEST_F(PostmixBlockTest, RoomWalkKeepsTheLastSuccessAndStopsAtTheFirstFailure) {
 
   Block block;
   ASSERT_EQ(Convert(block), QVRCS_OK);
-  EXPECT_TRUE(HalfWordsAre(block, qvrcs::kMultichRoomSlot + 40, {2, 2}));
+  EXPECT_TRUE(HalfWordsAre(block, qvrcs::kMultichRoomSlot + qvrcs::kRoomCoefs, {2, 2}));
 
   // An unknown room after a loaded one: -999, the loaded room stays, and
   // everything after the multichannel room keeps the template.
   postmix().add_multichroom()->set_uuid("unknown");
   Block unknown;
   EXPECT_EQ(Convert(unknown), QVRCS_ERR_UNKNOWN_ROOM);
-  EXPECT_TRUE(HalfWordsAre(unknown, qvrcs::kMultichRoomSlot + 40, {2, 2}));
+  EXPECT_TRUE(HalfWordsAre(unknown, qvrcs::kMultichRoomSlot + qvrcs::kRoomCoefs, {2, 2}));
   EXPECT_TRUE(SameBytes(*unknown.bytes, kPostmixTemplate, qvrcs::kFrontRoomSlot, kEnd));
 
   // A front room too large for its slot: -997, the wide room is not loaded.
@@ -163,7 +164,7 @@ TEST_F(PostmixBlockTest, RoomWalkKeepsTheLastSuccessAndStopsAtTheFirstFailure) {
   postmix().mutable_frontroom(0)->set_uuid("big");
   Block tooLarge;
   EXPECT_EQ(Convert(tooLarge), QVRCS_ERR_RECORD_TOO_LARGE);
-  EXPECT_TRUE(HalfWordsAre(tooLarge, qvrcs::kMultichRoomSlot + 40, {2, 2}));
+  EXPECT_TRUE(HalfWordsAre(tooLarge, qvrcs::kMultichRoomSlot + qvrcs::kRoomCoefs, {2, 2}));
   EXPECT_TRUE(SameBytes(*tooLarge.bytes, kPostmixTemplate, qvrcs::kFrontRoomSlot, kEnd));
 }
 
@@ -175,12 +176,12 @@ TEST_F(PostmixBlockTest, HeadphoneEqWalkCountsOnlyTheLastEntry) {
   postmix().add_hpeqcoef()->set_uuid("good");
   Block failThenGood;
   EXPECT_EQ(Convert(failThenGood), QVRCS_OK);
-  EXPECT_TRUE(HalfWordsAre(failThenGood, qvrcs::kHeadphoneEqSlot + 24, {1, 2, 3}));
+  EXPECT_TRUE(HalfWordsAre(failThenGood, qvrcs::kHeadphoneEqSlot + qvrcs::kHpeqCoefs, {1, 2, 3}));
 
   postmix().mutable_hpeqcoef()->SwapElements(0, 1);
   Block goodThenFail;
   EXPECT_EQ(Convert(goodThenFail), QVRCS_ERR_NO_COEF_TABLE);
-  EXPECT_TRUE(HalfWordsAre(goodThenFail, qvrcs::kHeadphoneEqSlot + 24, {1, 2, 3}));
+  EXPECT_TRUE(HalfWordsAre(goodThenFail, qvrcs::kHeadphoneEqSlot + qvrcs::kHpeqCoefs, {1, 2, 3}));
   EXPECT_TRUE(SameBytes(*goodThenFail.bytes, kPostmixTemplate, qvrcs::kHpfOrder, kEnd));
 
   // An unknown headphone EQ last is nothing to load, not a failure.
@@ -222,8 +223,8 @@ TEST_F(PostmixBlockTest, AeqFailureLeavesItsPartialRecordAndTheTemplateAfter) {
   Block block;
   EXPECT_EQ(Convert(block), QVRCS_ERR_NO_COEF_TABLE);
   EXPECT_TRUE(WordsAre(block, qvrcs::kAeqRecord, {24, -1, 0, 0}));
-  EXPECT_TRUE(WordsAre(block, qvrcs::kAeqRecord + 4 * qvrcs::kAeqChannelWords,
-                       {24, -1, 20, 21, 0}));
+  EXPECT_TRUE(
+      WordsAre(block, qvrcs::kAeqRecord + 4 * qvrcs::kAeqChannelWords, {24, -1, 20, 21, 0}));
   EXPECT_TRUE(SameBytes(*block.bytes, kPostmixTemplate, qvrcs::kVelmoHpfOrder, kEnd));
 }
 
@@ -261,16 +262,16 @@ TEST_F(PostmixBlockTest, CallersModelsAreSearchedBeforeThePostmixModel) {
 
   Block ownOnly;
   ASSERT_EQ(Convert(ownOnly), QVRCS_OK);
-  EXPECT_EQ(ownOnly.U16(qvrcs::kMultichRoomSlot + 40), 1);
-  EXPECT_EQ(ownOnly.U16(qvrcs::kFrontRoomSlot + 40), 2);
+  EXPECT_EQ(ownOnly.U16(qvrcs::kMultichRoomSlot + qvrcs::kRoomCoefs), 1);
+  EXPECT_EQ(ownOnly.U16(qvrcs::kFrontRoomSlot + qvrcs::kRoomCoefs), 2);
 
   listeningModel callers;
   AddRoom(callers, "SHARED", {3});
   const ListeningModelList models = {callers};
   Block both;
   ASSERT_EQ(Convert(both, true, models), QVRCS_OK);
-  EXPECT_EQ(both.U16(qvrcs::kMultichRoomSlot + 40), 3);
-  EXPECT_EQ(both.U16(qvrcs::kFrontRoomSlot + 40), 2);
+  EXPECT_EQ(both.U16(qvrcs::kMultichRoomSlot + qvrcs::kRoomCoefs), 3);
+  EXPECT_EQ(both.U16(qvrcs::kFrontRoomSlot + qvrcs::kRoomCoefs), 2);
   EXPECT_EQ(models.size(), 1u);
 
   // Without a model of its own, the postmix sees the caller's list only.

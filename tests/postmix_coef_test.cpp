@@ -41,8 +41,7 @@ TEST(CoefTableSelection, ValueOnlyRuleTakesATableWithoutRateAtRateZero) {
   Block atZero, at48k;
   EXPECT_EQ(QVRCS_ConvertVelmoHpfCoef(Context(0), postmix, atZero.View()), QVRCS_OK);
   EXPECT_TRUE(HalfWordsAre(atZero, qvrcs::kVelmoHpfCoefs, {7, 8}));
-  EXPECT_EQ(QVRCS_ConvertVelmoHpfCoef(Context(), postmix, at48k.View()),
-            QVRCS_ERR_NO_COEF_TABLE);
+  EXPECT_EQ(QVRCS_ConvertVelmoHpfCoef(Context(), postmix, at48k.View()), QVRCS_ERR_NO_COEF_TABLE);
 }
 
 TEST(VelmoXover, OrderAlwaysStoredAndLastMatchingTablePrevails) {

@@ -54,8 +54,8 @@ TEST(Uuid, MalformedTextLeavesTrailingZeros) {
     size_t packed;  // leading bytes of kPackedUuid that come out
   };
   const Case cases[] = {
-      {"abcdef00111122223333444455556666", 0},        // 32 characters: not packed at all
-      {std::string(kLowerUuid) + "0", 0},            // 37 characters
+      {"abcdef00111122223333444455556666", 0},  // 32 characters: not packed at all
+      {std::string(kLowerUuid) + "0", 0},       // 37 characters
       {"", 0},
       {"abcdef00-1111-2222-3333-4-4455556666", 10},  // a lone digit ends the scan
       {"a-bcdef0-1111-2222-3333-444455556666", 0},
@@ -103,17 +103,17 @@ TEST(Room, RecordLayout) {
 
   Block block;
   const size_t slot = qvrcs::kFrontRoomSlot;
-  ASSERT_EQ(QVRCS_LoadRoom(kUpperUuid, {model}, block.View().At(slot),
-                           qvrcs::kFrontRoomCapacity, kRate),
-            QVRCS_OK);
+  ASSERT_EQ(
+      QVRCS_LoadRoom(kUpperUuid, {model}, block.View().At(slot), qvrcs::kFrontRoomCapacity, kRate),
+      QVRCS_OK);
   std::vector<uint8_t> expected = kPackedUuid;
   const std::vector<uint8_t> rest = {
-      0x3F, 0,    0,    0,     // channel mask
-      6,    0,    0,    0,     // pairs
-      0xFF, 0xFF, 0xFF, 0xFF,  // impulse response length
-      0x80, 0xBB, 0,    0,     // 48000
-      0xF4, 0xFF, 0xFF, 0xFF,  // reverb gain -12
-      7,    0,    0,    0,     // reverb cut
+      0x3F, 0,    0,    0,                             // channel mask
+      6,    0,    0,    0,                             // pairs
+      0xFF, 0xFF, 0xFF, 0xFF,                          // impulse response length
+      0x80, 0xBB, 0,    0,                             // 48000
+      0xF4, 0xFF, 0xFF, 0xFF,                          // reverb gain -12
+      7,    0,    0,    0,                             // reverb cut
       1,    0,    0xFF, 0xFF, 0x70, 0x11, 0xFF, 0x7F,  // 1, -1, 70000 -> 4464, 32767
   };
   expected.insert(expected.end(), rest.begin(), rest.end());
@@ -221,8 +221,7 @@ TEST(HeadphoneEq, LongFormKeepsTheFirst128TapsOfEachHalf) {
   EXPECT_TRUE(HalfWordsAre(block, slot + 28 + 256, Slice(values, 258, 128)));
   // The record fills the 540-byte slot exactly.
   EXPECT_TRUE(AllBytes(block, 0, slot, kFill));
-  EXPECT_TRUE(AllBytes(block, slot + qvrcs::kHeadphoneEqCapacity, qvrcs::kPostmixBlockSize,
-                       kFill));
+  EXPECT_TRUE(AllBytes(block, slot + qvrcs::kHeadphoneEqCapacity, qvrcs::kPostmixBlockSize, kFill));
 }
 
 TEST(HeadphoneEq, LongFormReadsMissingValuesAsZero) {
@@ -230,8 +229,8 @@ TEST(HeadphoneEq, LongFormReadsMissingValuesAsZero) {
   AddHeadphoneEq(&model, "short-table", 200, Ramp(10, 1));  // c0 c1 | 3..6 | 7..10
 
   Block block;
-  ASSERT_EQ(QVRCS_LoadHeadphoneEq("short-table", {model}, block.View(),
-                                  qvrcs::kHeadphoneEqCapacity, kRate),
+  ASSERT_EQ(QVRCS_LoadHeadphoneEq("short-table", {model}, block.View(), qvrcs::kHeadphoneEqCapacity,
+                                  kRate),
             QVRCS_OK);
   EXPECT_EQ(block.I32(20), 128);
   std::vector<int32_t> first(128, 0), second(128, 0);
@@ -285,8 +284,7 @@ TEST(HeadphoneEq, UnknownUuidIsNothingToLoadAndEmptyUuidMatchesEmpty) {
   Block block;
   EXPECT_EQ(QVRCS_LoadHeadphoneEq("unknown", {model}, block.View(), 540, kRate),
             QVRCS_NOTHING_TO_LOAD);
-  EXPECT_EQ(QVRCS_LoadHeadphoneEq("", {model}, block.View(), 540, kRate),
-            QVRCS_NOTHING_TO_LOAD);
+  EXPECT_EQ(QVRCS_LoadHeadphoneEq("", {model}, block.View(), 540, kRate), QVRCS_NOTHING_TO_LOAD);
   EXPECT_EQ(QVRCS_LoadHeadphoneEq("no-table", {model}, block.View(), 540, kRate),
             QVRCS_ERR_NO_COEF_TABLE);
   EXPECT_TRUE(AllBytes(block, 0, qvrcs::kPostmixBlockSize, kFill));

@@ -57,9 +57,7 @@ struct Block {
   Block(const Block& other) : Block(*other.bytes) {}
 
   qvrcs::BlockView View() const { return qvrcs::BlockView{bytes->data(), bytes->size(), 0}; }
-  int32_t I32(size_t offset) const {
-    return qvrcs::LoadI32(bytes->data(), bytes->size(), offset);
-  }
+  int32_t I32(size_t offset) const { return qvrcs::LoadI32(bytes->data(), bytes->size(), offset); }
   int32_t U16(size_t offset) const {
     return static_cast<uint16_t>(qvrcs::LoadI16(bytes->data(), bytes->size(), offset));
   }
@@ -98,9 +96,9 @@ inline testing::AssertionResult HalfWordsAre(const Block& block, size_t offset,
   for (size_t i = 0; i < values.size(); ++i) {
     const int32_t want = static_cast<uint16_t>(values[i]);
     if (block.U16(offset + 2 * i) != want) {
-      return testing::AssertionFailure() << "half-word " << i << " at byte " << offset + 2 * i
-                                         << " is " << block.U16(offset + 2 * i) << ", expected "
-                                         << want;
+      return testing::AssertionFailure()
+             << "half-word " << i << " at byte " << offset + 2 * i << " is "
+             << block.U16(offset + 2 * i) << ", expected " << want;
     }
   }
   return testing::AssertionSuccess();
@@ -110,9 +108,8 @@ inline testing::AssertionResult WordsAre(const Block& block, size_t offset,
                                          const std::vector<int32_t>& values) {
   for (size_t i = 0; i < values.size(); ++i) {
     if (block.I32(offset + 4 * i) != values[i]) {
-      return testing::AssertionFailure() << "word " << i << " at byte " << offset + 4 * i
-                                         << " is " << block.I32(offset + 4 * i) << ", expected "
-                                         << values[i];
+      return testing::AssertionFailure() << "word " << i << " at byte " << offset + 4 * i << " is "
+                                         << block.I32(offset + 4 * i) << ", expected " << values[i];
     }
   }
   return testing::AssertionSuccess();

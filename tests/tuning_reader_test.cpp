@@ -1,6 +1,8 @@
 // The tuning file reader, through small binary tuning files written to a
 // private temporary directory: results, log lines and what reaches the
 // payload.
+#include "configurator/tuning_reader.h"
+
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
@@ -13,8 +15,8 @@
 
 #include "configurator/log.h"
 #include "configurator/payload.h"
-#include "configurator/tuning_reader.h"
 #include "qvrcs/qvrcs.h"
+#include "qvrcs/record_layout.h"
 #include "qvrcsPB.pb.h"
 
 namespace {
@@ -120,7 +122,7 @@ TEST_F(TuningReaderTest, ConvertsTheFirstSettingsIntoBothPayloadRanges) {
   EXPECT_EQ(log_, "");
   EXPECT_EQ(payload, Expected(settings));
   // The room's first coefficient, at its place in the postmix block.
-  EXPECT_EQ(payload[qvr::kPostmixPayloadOffset + qvrcs::kMultichRoomSlot + 40], 11);
+  EXPECT_EQ(payload[qvr::kPostmixPayloadOffset + qvrcs::kMultichRoomSlot + qvrcs::kRoomCoefs], 11);
 }
 
 TEST_F(TuningReaderTest, OnlyTheFirstElementOfEachListAndOnlyKorvaV11AreRead) {
