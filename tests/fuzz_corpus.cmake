@@ -1,0 +1,31 @@
+# Every input kept in fuzz/corpus/<target>/ (seeds, and the inputs of every
+# fault the fuzzers found) runs through its fuzz target in the ordinary
+# builds too, as a test: fuzz_corpus_<target>.
+find_path(QVR_FUZZED_DATA_PROVIDER_DIR fuzzer/FuzzedDataProvider.h
+  PATHS /usr/lib/llvm-14/lib/clang/14.0.6/include /usr/lib/llvm-14/lib/clang/14/include
+  NO_DEFAULT_PATH)
+
+set(fuzz_dir ${PROJECT_SOURCE_DIR}/fuzz)
+set(fuzz_support_sources ${fuzz_dir}/fuzz_support.cpp ${fuzz_dir}/block_checks.cpp)
+
+foreach(target tuning_file config settings)
+  if(target STREQUAL "settings" AND NOT QVR_FUZZED_DATA_PROVIDER_DIR)
+    message(WARNING "FuzzedDataProvider.h not found: fuzz_corpus_settings is not built")
+    continue()
+  endif()
+  set(sources fuzz_corpus_test.cpp ${fuzz_dir}/${target}_fuzzer.cpp ${fuzz_support_sources})
+  set(libs configurator_core)
+  if(target STREQUAL "config")
+    list(APPEND sources ${fuzz_dir}/fake_driver.cpp)
+    list(APPEND libs korva_sim_model)
+  endif()
+  qvr_add_test(fuzz_corpus_${target} SOURCES ${sources} LIBS ${libs})
+  target_compile_definitions(fuzz_corpus_${target} PRIVATE
+    QVR_FUZZ_CORPUS="${fuzz_dir}/corpus/${target}")
+  if(target STREQUAL "config")
+    target_link_options(fuzz_corpus_${target} PRIVATE -Wl,--wrap=ioctl)
+  endif()
+  if(target STREQUAL "settings")
+    target_include_directories(fuzz_corpus_${target} SYSTEM PRIVATE ${QVR_FUZZED_DATA_PROVIDER_DIR})
+  endif()
+endforeach()
