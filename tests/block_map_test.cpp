@@ -164,16 +164,5 @@ TEST(TemplateTest, SpotValuesOfThePostmixTemplate) {
   EXPECT_EQ(t.I32(qvrcs::kPostmixBlockSize - 4), 1930561280);
 }
 
-TEST(TemplateTest, SpotValuesOfThePremixTemplate) {
-  const Premix t(kPremixTemplate);
-  EXPECT_EQ(t.I16(12), 1024);
-  EXPECT_EQ(t[18], 0xCC);
-  EXPECT_EQ(t[19], 0xCC);
-  EXPECT_EQ(t.I32(52), -628);
-  EXPECT_EQ(t.I32(104), 86036);
-  EXPECT_EQ(t.I32(124), 1);
-  EXPECT_EQ(t.I32(128), 0);
-}
-
 }  // namespace
 }  // namespace conversion_test

@@ -11,6 +11,7 @@
 #include <memory>
 #include <set>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "qvrcs/block_io.h"
@@ -58,12 +59,15 @@ std::set<size_t> ChangedBytes(const Block<N>& block, const std::array<uint8_t, N
   return changed;
 }
 
-// The byte offsets [begin, end).
-inline std::set<size_t> Bytes(size_t begin, size_t end) {
+// The byte offsets of the ranges [begin, end).
+inline std::set<size_t> Bytes(std::initializer_list<std::pair<size_t, size_t>> ranges) {
   std::set<size_t> bytes;
-  for (size_t i = begin; i < end; ++i) bytes.insert(i);
+  for (const auto& [begin, end] : ranges) {
+    for (size_t i = begin; i < end; ++i) bytes.insert(i);
+  }
   return bytes;
 }
+inline std::set<size_t> Bytes(size_t begin, size_t end) { return Bytes({{begin, end}}); }
 
 // True when every offset of `changed` lies in [begin, end).
 inline bool AllWithin(const std::set<size_t>& changed, size_t begin, size_t end) {
