@@ -134,6 +134,11 @@ std::string Overrun(const std::string& what, size_t first, size_t count, unsigne
   for (const qvrcs::SectionInfo& s : map) {
     if (s.offset >= sectionEnd && s.offset < end) into += (into.empty() ? "" : ", ") + s.name;
   }
+  if (into.empty()) {
+    // Within one section of the map: the AEQ record's first channel runs on into the second.
+    const qvrcs::SectionInfo* within = qvrcs::SectionAt(map, sectionEnd);
+    into = within != nullptr ? "the rest of " + within->name : "the following bytes";
+  }
   return text + " into " + into;
 }
 

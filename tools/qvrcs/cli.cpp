@@ -163,7 +163,7 @@ int CheckCommand(const CheckOptions& o, const Streams& s) {
 std::string KindOf(const View& v) { return v.isPayload ? "payload" : "tuning"; }
 
 std::string Outcome(const View& v) {
-  if (v.isPayload) return "payload file: origins are relative to the templates";
+  if (v.isPayload) return "origins are relative to the templates";
   if (!v.converted) return "the configurator would not upload it: " + v.failure;
   if (v.premixStatus == 0 && v.postmixStatus == 0) return "premix 0, postmix 0: the configurator uploads it";
   return "premix " + std::to_string(v.premixStatus) + ", postmix " + StatusLine(v.postmixStatus) +

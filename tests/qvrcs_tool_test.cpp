@@ -1,0 +1,665 @@
+// The qvrcs tool, called in-process: check on crafted search paths and on the
+// example set, explain against the converters' field maps, convert against
+// what the simulated driver receives from the configurator, the text round
+// trip, and bad input.
+#include <gtest/gtest.h>
+#include <stdlib.h>
+#include <unistd.h>
+
+#include <filesystem>
+#include <fstream>
+#include <nlohmann/json.hpp>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include "configurator.pb.h"
+#include "configurator/config_file.h"
+#include "configurator/korva_driver.h"
+#include "configurator/payload.h"
+#include "conversion_support.h"
+#include "qvrcs/block_map.h"
+#include "qvrcs/layout.h"
+#include "qvrcs/section_map.h"
+#include "qvrcsPB.pb.h"
+#include "tools/qvrcs/check.h"
+#include "tools/qvrcs/tool.h"
+
+namespace {
+
+namespace fs = std::filesystem;
+using com::qvr::pb::coef::CoefTable;
+using com::qvr::pb::korva_v1_1::KorvaSettings;
+using com::qvr::pb::korva_v1_1::Postmix;
+using com::qvr::pb::wbn::Qvrcs;
+using Json = nlohmann::json;
+using qvrcs_tool::CheckReport;
+using qvrcs_tool::SlotReport;
+
+constexpr const char* kUuid = "6f1c2a3b-0000-4000-8000-00000000a001";
+constexpr const char* kOtherUuid = "6f1c2a3b-0000-4000-8000-00000000a002";
+
+std::string ReadFile(const std::string& path) {
+  std::ifstream in(path, std::ios::binary);
+  std::ostringstream all;
+  all << in.rdbuf();
+  return all.str();
+}
+
+void WriteFile(const std::string& path, const std::string& bytes) {
+  std::ofstream(path, std::ios::binary | std::ios::trunc) << bytes;
+}
+
+struct ToolRun {
+  int status = -1;
+  std::string out;
+  std::string err;
+};
+
+ToolRun RunTool(const std::vector<std::string>& args) {
+  std::ostringstream out;
+  std::ostringstream err;
+  ToolRun run;
+  run.status = qvrcs_tool::Run(args, out, err);
+  run.out = out.str();
+  run.err = err.str();
+  return run;
+}
+
+// A table of `count` small values at `rate`.
+CoefTable* AddTable(google::protobuf::RepeatedPtrField<CoefTable>* tables, int rate, int count, bool wide) {
+  CoefTable* table = tables->Add();
+  table->set_samplerate(rate);
+  for (int i = 0; i < count; ++i) {
+    if (wide) {
+      table->add_coeff_32(i + 1);
+    } else {
+      table->add_coeff_16(i + 1);
+    }
+  }
+  return table;
+}
+
+// A tuning file that loads: one front room, one headphone EQ and one AEQ in
+// the postmix record's own model, all with 48000 Hz tables.
+Qvrcs GoodTuning() {
+  Qvrcs tuning;
+  KorvaSettings* settings =
+      tuning.add_workspace()->add_routeconfiguration()->add_tech()->mutable_korva_v1_1();
+  settings->mutable_premix()->mutable_dravo()->set_input_gain(1000);
+  Postmix* postmix = settings->mutable_postmix();
+  postmix->set_postmix_gain(-256);
+  auto* model = postmix->mutable_model();
+  auto* room = model->add_rooms();
+  room->set_uuid(kUuid);
+  room->set_numpairs(1);
+  AddTable(room->mutable_coefftables(), 48000, 100, false);
+  postmix->add_frontroom()->set_uuid(kUuid);
+  auto* eq = model->add_headphones();
+  eq->set_uuid(kUuid);
+  eq->set_ihpirlength(8);
+  AddTable(eq->mutable_coefftables(), 48000, 18, false);
+  postmix->add_hpeqcoef()->set_uuid(kUuid);
+  auto* aeq = model->add_aeqs();
+  aeq->set_uuid(kUuid);
+  for (int bank = 0; bank < 2; ++bank) {
+    AddTable(aeq->add_coefficient_table()->mutable_iircoefs(), 48000, 12, true);
+  }
+  postmix->add_aeqcoef()->set_uuid(kUuid);
+  return tuning;
+}
+
+KorvaSettings& SettingsOf(Qvrcs& tuning) {
+  return *tuning.mutable_workspace(0)->mutable_routeconfiguration(0)->mutable_tech(0)->mutable_korva_v1_1();
+}
+Postmix& PostmixOf(Qvrcs& tuning) { return *SettingsOf(tuning).mutable_postmix(); }
+
+// A private search path per test, removed (and checked removed) after it.
+class ToolTest : public testing::Test {
+ protected:
+  void SetUp() override {
+    char pattern[] = "/tmp/qvrcs-tool-test-XXXXXX";
+    ASSERT_NE(mkdtemp(pattern), nullptr);
+    dir_ = pattern;
+  }
+  void TearDown() override {
+    std::error_code error;
+    fs::remove_all(dir_, error);
+    EXPECT_FALSE(fs::exists(dir_)) << dir_;
+  }
+
+  std::string Path(const std::string& name) const { return dir_ + "/" + name; }
+
+  std::string Write(const std::string& name, const Qvrcs& tuning) {
+    WriteFile(Path(name), tuning.SerializeAsString());
+    return Path(name);
+  }
+
+  // configurator.cfg with `first` in attached0 and good.bin in every other slot.
+  void WriteConfig(const std::string& first) {
+    Write("good.bin", GoodTuning());
+    std::string text;
+    for (const qvr::ConfigSlot& slot : qvr::kConfigSlots) {
+      const std::string file = std::string(slot.name) == "attached0" ? first : "good.bin";
+      text += std::string(slot.name) + " { filename: \"" + file + "\" device_bitmask: 1 }\n";
+    }
+    WriteFile(Path("configurator.cfg"), text);
+  }
+
+  // The check of a search path whose attached0 slot loads `tuning`.
+  CheckReport CheckWith(const Qvrcs& tuning) {
+    Write("slot.bin", tuning);
+    WriteConfig("slot.bin");
+    return qvrcs_tool::Check(dir_);
+  }
+
+  std::string dir_;
+};
+
+std::string Codes(const CheckReport& report) {
+  std::string codes;
+  for (const auto& w : report.warnings) codes += w.code + (w.note ? "(note) " : " ") + w.message + "\n";
+  return codes;
+}
+
+// ---- check: failures --------------------------------------------------------
+
+struct FailureCase {
+  const char* name;
+  void (*mutate)(Qvrcs&);
+  int32_t postmixStatus;
+  const char* culprit;  // expected in the slot's cause
+};
+
+const FailureCase kFailures[] = {
+    {"unknown room", [](Qvrcs& t) { PostmixOf(t).mutable_frontroom(0)->set_uuid(kOtherUuid); }, -999,
+     "postmix.frontRoom[0]: no listening model holds room \"6f1c2a3b-0000-4000-8000-00000000a002\""},
+    {"room only in the top-level model list",
+     [](Qvrcs& t) {
+       *t.add_model() = PostmixOf(t).model();
+       PostmixOf(t).clear_model();
+     },
+     -999, "top-level model[0], which the configurator does not search"},
+    {"room without a 48000 Hz table",
+     [](Qvrcs& t) { PostmixOf(t).mutable_model()->mutable_rooms(0)->mutable_coefftables(0)->set_samplerate(44100); },
+     -998, "has no coefficient table for 48000 Hz (its tables: 44100 Hz)"},
+    {"room too large for the front slot",
+     [](Qvrcs& t) {
+       auto* tables = PostmixOf(t).mutable_model()->mutable_rooms(0)->mutable_coefftables();
+       tables->Clear();
+       AddTable(tables, 48000, 6151, false);
+     },
+     -997, "6151 coeff_16 values, a record of 12342 bytes; the slot holds 12340 (at most 6150 values)"},
+    {"last headphone EQ without a 48000 Hz table",
+     [](Qvrcs& t) {
+       PostmixOf(t).mutable_model()->mutable_headphones(0)->mutable_coefftables(0)->clear_samplerate();
+     },
+     -998, "postmix.hpeqCoef[0] (the last headphone EQ locator, the one that counts)"},
+    {"unknown AEQ", [](Qvrcs& t) { PostmixOf(t).mutable_aeqcoef(0)->set_uuid(kOtherUuid); }, -998,
+     "postmix.aeqCoef[0]: no listening model holds AEQ"},
+    {"AEQ bank without a 48000 Hz table",
+     [](Qvrcs& t) {
+       PostmixOf(t).mutable_model()->mutable_aeqs(0)->mutable_coefficient_table(1)->mutable_iircoefs(0)->set_samplerate(
+           96000);
+     },
+     -998, "channel 1 from bank 1 which has no 48000 Hz IIR table (its tables: 96000 Hz)"},
+    {"Velmo high-pass without a usable table",
+     [](Qvrcs& t) {
+       auto* hpf = PostmixOf(t).mutable_velmo_hpf_coef();
+       hpf->set_order(2);
+       AddTable(hpf->mutable_hpf_coeffs(), 48000, 21, false);
+       AddTable(hpf->mutable_hpf_coeffs(), 44100, 6, false);
+     },
+     -998, "order 2 needs a 48000 Hz table of at most 20 coeff_16 values (its tables: 48000 Hz with 21 values, "
+           "44100 Hz with 6 values)"},
+    {"negative postmix ref_htest",
+     [](Qvrcs& t) {
+       auto* e2 = PostmixOf(t).mutable_enhance2();
+       e2->add_ref_htest(100);
+       e2->add_ref_htest(-1);
+     },
+     -997, "postmix.enhance2.ref_htest[1] = -1 is negative"},
+};
+
+TEST_F(ToolTest, CheckNamesTheRecordBehindEachFailure) {
+  for (const FailureCase& c : kFailures) {
+    SCOPED_TRACE(c.name);
+    Qvrcs tuning = GoodTuning();
+    c.mutate(tuning);
+    const CheckReport report = CheckWith(tuning);
+    ASSERT_TRUE(report.configOk);
+    ASSERT_EQ(report.slots.size(), qvr::kCacheBlockCount);
+    const SlotReport& slot = report.slots[0];
+    EXPECT_FALSE(slot.loaded);
+    EXPECT_EQ(slot.readerStatus, -4);
+    EXPECT_EQ(slot.postmixStatus, c.postmixStatus);
+    EXPECT_NE(slot.meaning.find("postmix " + std::to_string(c.postmixStatus) + ": " +
+                                QVRCS_StatusText(c.postmixStatus)),
+              std::string::npos)
+        << slot.meaning;
+    EXPECT_NE(slot.culprit.find(c.culprit), std::string::npos) << slot.culprit;
+    EXPECT_EQ(report.Failures(), 1u);
+    for (size_t i = 1; i < report.slots.size(); ++i) EXPECT_TRUE(report.slots[i].loaded) << i;
+  }
+}
+
+TEST_F(ToolTest, CheckReportsFilesTheReaderCannotTake) {
+  // No file at all, and a file with nothing to select.
+  WriteConfig("missing.bin");
+  CheckReport report = qvrcs_tool::Check(dir_);
+  EXPECT_FALSE(report.slots[0].loaded);
+  EXPECT_NE(report.slots[0].culprit.find("missing.bin: cannot open: No such file or directory"), std::string::npos)
+      << report.slots[0].culprit;
+  EXPECT_NE(report.slots[0].log.find("Error: could not open"), std::string::npos) << report.slots[0].log;
+
+  Qvrcs empty;
+  report = CheckWith(empty);
+  EXPECT_FALSE(report.slots[0].loaded);
+  EXPECT_EQ(report.slots[0].culprit, "the file has no workspace");
+
+  // The exit status and the one line per failing slot.
+  const ToolRun run = RunTool({"check", dir_});
+  EXPECT_EQ(run.status, qvrcs_tool::kExitFindings);
+  EXPECT_NE(run.out.find("attached0  slot.bin              FAILS: reader -4"), std::string::npos) << run.out;
+  EXPECT_NE(run.out.find("5 of 6 slots load"), std::string::npos) << run.out;
+  EXPECT_EQ(run.out.find("QVR_KORVA"), std::string::npos) << "the reader's log stays out of the plain report";
+}
+
+TEST_F(ToolTest, CheckReportsConfigurationErrorsWithLineAndColumn) {
+  WriteFile(Path("configurator.cfg"), "attached0 {\n  filename: \"a.bin\"\n  devices: 3\n}\n");
+  CheckReport report = qvrcs_tool::Check(dir_);
+  EXPECT_FALSE(report.configOk);
+  ASSERT_FALSE(report.configErrors.empty());
+  EXPECT_EQ(report.configErrors[0].rfind(Path("configurator.cfg") + ":3:10: ", 0), 0u) << report.configErrors[0];
+  EXPECT_NE(report.configErrors[0].find("devices"), std::string::npos);
+  EXPECT_TRUE(report.slots.empty());
+
+  // Every slot is required: the file is rejected whole and says which is missing.
+  std::string text;
+  for (const qvr::ConfigSlot& slot : qvr::kConfigSlots) {
+    if (std::string(slot.name) != "other") text += std::string(slot.name) + " { filename: \"a\" device_bitmask: 1 }\n";
+  }
+  WriteFile(Path("configurator.cfg"), text);
+  report = qvrcs_tool::Check(dir_);
+  ASSERT_EQ(report.configErrors.size(), 1u);
+  EXPECT_EQ(report.configErrors[0], Path("configurator.cfg") + ": Message missing required fields: other");
+
+  fs::remove(Path("configurator.cfg"));
+  const ToolRun run = RunTool({"check", dir_});
+  EXPECT_EQ(run.status, qvrcs_tool::kExitFindings);
+  EXPECT_NE(run.out.find("configurator.cfg: cannot open: No such file or directory"), std::string::npos) << run.out;
+}
+
+// ---- check: warnings --------------------------------------------------------
+
+struct WarningCase {
+  const char* name;
+  void (*mutate)(Qvrcs&);
+  const char* code;
+  const char* message;  // expected in the warning
+  bool note;
+};
+
+const WarningCase kWarnings[] = {
+    {"16-bit field", [](Qvrcs& t) { SettingsOf(t).mutable_premix()->mutable_dravo()->set_input_gain(70000); },
+     "wrap16", "premix.dravo.input_gain = 70000 does not fit its 16-bit field: the DSP gets 4464", false},
+    {"16-bit room coefficient",
+     [](Qvrcs& t) { PostmixOf(t).mutable_model()->mutable_rooms(0)->mutable_coefftables(0)->set_coeff_16(3, 70000); },
+     "wrap16", "coeff_16[3] = 70000 does not fit 16 bits, the DSP gets 4464", false},
+    {"crossover low-pass past its area",
+     [](Qvrcs& t) { AddTable(PostmixOf(t).mutable_velmo_xover_coef()->mutable_lpf_coeffs(), 48000, 16, false); },
+     "coef-overrun",
+     "postmix.velmo_xover_coef.lpf_coeffs[0]: 16 values run 4 bytes past the section's end (byte 61336) into "
+     "velmo_xover.hpf_coefs",
+     false},
+    {"Gorm cut at the block's end",
+     [](Qvrcs& t) { AddTable(PostmixOf(t).mutable_gorm_coef()->mutable_coeffs(), 48000, 30, true); }, "coef-overrun",
+     "postmix.gorm_coef.coeffs[0]: 30 values run 24 bytes past the section's end (byte 61468) and are cut at the "
+     "end of the block: the last 6 values are dropped",
+     false},
+    {"AEQ channel 0 past its section",
+     [](Qvrcs& t) {
+       auto* table = PostmixOf(t).mutable_model()->mutable_aeqs(0)->mutable_coefficient_table(0)->mutable_iircoefs(0);
+       for (int i = 0; i < 330; ++i) table->add_coeff_32(i);
+     },
+     "coef-overrun", "channel 0: 342 values run 32 bytes past the section's end (byte 59916) into the rest of aeq",
+     false},
+    {"postmix high-pass longer than its area",
+     [](Qvrcs& t) { AddTable(PostmixOf(t).mutable_hpf_coef()->mutable_coeffs(), 48000, 21, true); }, "coef-overrun",
+     "postmix.hpf_coef.coeffs[0] (48000 Hz) has 21 values, more than the 20 the section holds: not loaded", false},
+    {"long headphone filter",
+     [](Qvrcs& t) {
+       auto* eq = PostmixOf(t).mutable_model()->mutable_headphones(0);
+       eq->set_ihpirlength(256);
+       eq->mutable_coefftables(0)->clear_coeff_16();
+       for (int i = 0; i < 514; ++i) eq->mutable_coefftables(0)->add_coeff_16(i);
+     },
+     "hpeq-cut", "postmix.hpeqCoef[0]: ihpirLength 256: the DSP takes 128 taps per channel, the rest is cut", true},
+    {"short headphone filter past its slot",
+     [](Qvrcs& t) {
+       auto* eq = PostmixOf(t).mutable_model()->mutable_headphones(0);
+       for (int i = 0; i < 300; ++i) eq->mutable_coefftables(0)->add_coeff_16(i);
+     },
+     "coef-overrun", "headphone EQ: 318 values run 120 bytes past the section's end (byte 58488) into hpf.order",
+     false},
+    {"unknown headphone EQ", [](Qvrcs& t) { PostmixOf(t).mutable_hpeqcoef(0)->set_uuid(kOtherUuid); },
+     "hpeq-unknown", "no listening model holds headphone EQ \"6f1c2a3b-0000-4000-8000-00000000a002\": nothing loaded",
+     false},
+    {"negative premix ref_htest",
+     [](Qvrcs& t) { SettingsOf(t).mutable_premix()->mutable_enhance2()->add_ref_htest(-5); }, "ref-htest",
+     "premix.enhance2.ref_htest[0] = -5 is negative: the premix Enhance2 section stops there", false},
+    {"second settings version only",
+     [](Qvrcs& t) {
+       auto* tech = t.mutable_workspace(0)->mutable_routeconfiguration(0)->mutable_tech(0);
+       tech->clear_korva_v1_1();
+       tech->mutable_korva()->set_version("2");
+     },
+     "unused-v2", "tech[0] holds only korva settings (the second settings version), which the configurator ignores",
+     false},
+    {"extra workspace", [](Qvrcs& t) { *t.add_workspace() = t.workspace(0); }, "ignored",
+     "2 workspaces: only workspace[0] is used", false},
+    {"extra technology",
+     [](Qvrcs& t) { t.mutable_workspace(0)->mutable_routeconfiguration(0)->add_tech(); }, "ignored",
+     "workspace[0].routeConfiguration[0] has 2 tech records: only the first is used", false},
+};
+
+TEST_F(ToolTest, CheckWarnsOfDataTheConfiguratorTakesSilently) {
+  for (const WarningCase& c : kWarnings) {
+    SCOPED_TRACE(c.name);
+    Qvrcs tuning = GoodTuning();
+    c.mutate(tuning);
+    const CheckReport report = CheckWith(tuning);
+    ASSERT_EQ(report.Failures(), 0u) << report.slots[0].culprit;
+    bool found = false;
+    for (const auto& w : report.warnings) {
+      if (w.code == c.code && w.message.find(c.message) != std::string::npos) {
+        found = true;
+        EXPECT_EQ(w.note, c.note);
+        EXPECT_EQ(w.slot, "attached0");
+      }
+    }
+    EXPECT_TRUE(found) << Codes(report);
+    EXPECT_EQ(report.Warnings(), c.note ? 0u : 1u) << Codes(report);
+  }
+}
+
+TEST_F(ToolTest, CheckWarnsOfUnparsableFilesAndRelativePathsAndSetsTheExitStatus) {
+  WriteFile(Path("slot.bin"), std::string("\xff\xff\xff\xff", 4));
+  WriteConfig("slot.bin");
+  const CheckReport report = qvrcs_tool::Check(dir_);
+  EXPECT_TRUE(report.slots[0].loaded) << "the configurator uploads the blank payload";
+  ASSERT_EQ(report.warnings.size(), 1u);
+  EXPECT_EQ(report.warnings[0].code, "unparsable");
+  EXPECT_NE(report.warnings[0].message.find("blank (all-zero) payload and logs no error"), std::string::npos);
+
+  ToolRun run = RunTool({"check", dir_});
+  EXPECT_EQ(run.status, qvrcs_tool::kExitFindings);
+  EXPECT_NE(run.out.find("warning: attached0 slot.bin: does not parse"), std::string::npos) << run.out;
+  run = RunTool({"check", "--warnings-ok", dir_});
+  EXPECT_EQ(run.status, qvrcs_tool::kExitOk);
+  run = RunTool({"check", "--json", dir_});
+  const Json json = Json::parse(run.out);
+  EXPECT_EQ(json["warnings"][0]["code"], "unparsable");
+  EXPECT_EQ(json["exit_status"], qvrcs_tool::kExitFindings);
+  EXPECT_EQ(json["slots"].size(), qvr::kCacheBlockCount);
+
+  const CheckReport relative = qvrcs_tool::Check("etc/qvr");
+  EXPECT_EQ(relative.storedPath, "/etc/qvr");
+  ASSERT_FALSE(relative.warnings.empty());
+  EXPECT_EQ(relative.warnings[0].code, "relative-path");
+  EXPECT_NE(relative.warnings[0].message.find("would read /etc/qvr/configurator.cfg"), std::string::npos);
+}
+
+TEST_F(ToolTest, CheckSaysNothingOnTheExampleSet) {
+  const CheckReport report = qvrcs_tool::Check(QVR_EXAMPLES_DIR);
+  EXPECT_TRUE(report.configOk);
+  EXPECT_EQ(report.Failures(), 0u);
+  EXPECT_EQ(report.Warnings(), 0u) << Codes(report);
+  const ToolRun run = RunTool({"check", QVR_EXAMPLES_DIR});
+  EXPECT_EQ(run.status, qvrcs_tool::kExitOk) << run.out;
+  EXPECT_EQ(run.out.find("warning:"), std::string::npos) << run.out;
+  EXPECT_NE(run.out.find("6 of 6 slots load, 0 warnings"), std::string::npos) << run.out;
+  EXPECT_EQ(run.err, "");
+}
+
+// ---- explain and diff -------------------------------------------------------
+
+// Every row of `json` by name and block.
+const Json* RowNamed(const Json& rows, const std::string& block, const std::string& name) {
+  for (const Json& row : rows) {
+    if (row["block"] == block && row["name"] == name) return &row;
+  }
+  return nullptr;
+}
+
+TEST_F(ToolTest, ExplainNamesEveryConvertedFieldAtItsMappedOffset) {
+  // Every settings field of both maps set to a value of its own.
+  Qvrcs tuning = GoodTuning();
+  KorvaSettings& settings = SettingsOf(tuning);
+  const auto premixMap = qvrcs::PremixFieldMap();
+  const auto postmixMap = qvrcs::PostmixControlFieldMap();
+  int32_t next = 100;
+  for (const auto* map : {&premixMap, &postmixMap}) {
+    for (const qvrcs::FieldInfo& field : *map) {
+      if (field.kind == qvrcs::FieldKind::kSetting) {
+        ASSERT_TRUE(conversion_test::SetByPath(settings, field.path, next++)) << field.path;
+      }
+    }
+  }
+  const ToolRun run = RunTool({"explain", "--json", Write("all.bin", tuning)});
+  ASSERT_EQ(run.status, qvrcs_tool::kExitOk) << run.err;
+  const Json json = Json::parse(run.out);
+  EXPECT_EQ(json["loads"], true);
+  const Json& rows = json["rows"];
+
+  next = 100;
+  for (const auto& [block, map, base] : {std::make_tuple("premix", &premixMap, qvr::kPremixPayloadOffset),
+                                         std::make_tuple("postmix", &postmixMap, qvr::kPostmixPayloadOffset)}) {
+    for (const qvrcs::FieldInfo& field : *map) {
+      const Json* row = RowNamed(rows, block, field.path);
+      if (field.kind != qvrcs::FieldKind::kSetting) continue;  // "reserved" names several rows
+      ASSERT_NE(row, nullptr) << field.path;
+      EXPECT_EQ((*row)["offset"], field.offset) << field.path;
+      EXPECT_EQ((*row)["payload_offset"], base + field.offset) << field.path;
+      EXPECT_EQ((*row)["width"], field.width) << field.path;
+      EXPECT_EQ((*row)["origin"], "file") << field.path;
+      EXPECT_EQ((*row)["value"], next++) << field.path;
+    }
+  }
+  for (const qvrcs::SectionInfo& section : qvrcs::PostmixSectionMap()) {
+    const Json* row = RowNamed(rows, "postmix", section.name);
+    ASSERT_NE(row, nullptr) << section.name;
+    EXPECT_EQ((*row)["offset"], section.offset);
+    EXPECT_EQ((*row)["size"], section.size);
+  }
+  EXPECT_EQ(rows.size(), premixMap.size() + postmixMap.size() + qvrcs::PostmixSectionMap().size() + 2);
+
+  // The sections the file feeds name their records; the others keep the template.
+  EXPECT_EQ((*RowNamed(rows, "postmix", "front_room"))["origin"], "file");
+  EXPECT_EQ((*RowNamed(rows, "postmix", "front_room"))["source"], std::string("postmix.frontRoom[0] \"") + kUuid + "\"");
+  EXPECT_NE((*RowNamed(rows, "postmix", "front_room"))["note"].get<std::string>().find(
+                "48000 Hz, 100 values, record ends at byte " + std::to_string(qvrcs::kFrontRoomSlot + 40 + 200)),
+            std::string::npos);
+  EXPECT_EQ((*RowNamed(rows, "postmix", "multich_room"))["origin"], "template");
+  EXPECT_EQ((*RowNamed(rows, "postmix", "fixed_words"))["holds"], "[3000, 9540, 5000, 5000]");
+}
+
+TEST_F(ToolTest, ExplainMarksTemplateValuesAndShowsAFailedConversion) {
+  Qvrcs tuning = GoodTuning();
+  PostmixOf(tuning).mutable_frontroom(0)->set_uuid(kOtherUuid);
+  SettingsOf(tuning).mutable_postmix()->set_zell_multi_ch(-1);
+  const ToolRun run = RunTool({"explain", "--json", Write("bad.bin", tuning)});
+  ASSERT_EQ(run.status, qvrcs_tool::kExitOk);
+  const Json json = Json::parse(run.out);
+  EXPECT_EQ(json["loads"], false);
+  EXPECT_EQ(json["postmix_status"], -999);
+  EXPECT_NE(json["failure"].get<std::string>().find("postmix.frontRoom[0]"), std::string::npos);
+  const Json& rows = json["rows"];
+  EXPECT_EQ((*RowNamed(rows, "premix", "premix.dravo.mode"))["origin"], "template");
+  EXPECT_EQ((*RowNamed(rows, "premix", "premix.dravo.input_gain"))["origin"], "file");
+  const Json& multiCh = *RowNamed(rows, "postmix", "postmix.zell_multi_ch");
+  EXPECT_EQ(multiCh["value"], 0);
+  EXPECT_EQ(multiCh["note"], "the file gives -1, stored as 0");
+  // The conversion stopped at the front room: later sections keep the template.
+  EXPECT_EQ((*RowNamed(rows, "postmix", "hpeq"))["origin"], "template");
+  EXPECT_EQ((*RowNamed(rows, "postmix", "aeq"))["origin"], "template");
+}
+
+TEST_F(ToolTest, DiffListsExactlyTheFieldsThatDiffer) {
+  Qvrcs a = GoodTuning();
+  Qvrcs b = GoodTuning();
+  PostmixOf(b).mutable_velmo()->mutable_gorm()->set_level(1234);
+  b.mutable_workspace(0)->mutable_routeconfiguration(0)->mutable_tech(0)->mutable_korva_v1_1()
+      ->mutable_postmix()->mutable_model()->mutable_rooms(0)->mutable_coefftables(0)->set_coeff_16(7, -9);
+  const std::string pathA = Write("a.bin", a);
+  const std::string pathB = Write("b.bin", b);
+
+  ToolRun run = RunTool({"diff", "--json", pathA, pathB});
+  EXPECT_EQ(run.status, qvrcs_tool::kExitFindings);
+  const Json json = Json::parse(run.out);
+  ASSERT_EQ(json["differences"].size(), 2u) << run.out;
+  const Json& level = json["differences"][0];
+  EXPECT_EQ(level["name"], "postmix.velmo.gorm.level");
+  EXPECT_EQ(level["offset"], qvrcs::FindField(qvrcs::PostmixControlFieldMap(), "postmix.velmo.gorm.level")->offset);
+  EXPECT_EQ(level["a"]["origin"], "template");
+  EXPECT_EQ(level["b"]["value"], 1234);
+  const Json& room = json["differences"][1];
+  EXPECT_EQ(room["name"], "front_room");
+  EXPECT_EQ(room["values_differing"], 1);
+  EXPECT_EQ(room["first_offset"], qvrcs::kFrontRoomSlot + 40 + 2 * 7);
+
+  // A tuning file against the payload it converts to: nothing differs.
+  const std::string payload = Path("a.payload");
+  ASSERT_EQ(RunTool({"convert", pathA, "-o", payload}).status, qvrcs_tool::kExitOk);
+  run = RunTool({"diff", pathA, payload});
+  EXPECT_EQ(run.status, qvrcs_tool::kExitOk) << run.out;
+  EXPECT_NE(run.out.find("b: " + payload + ": payload file"), std::string::npos) << run.out;
+  EXPECT_NE(run.out.find("0 fields or sections differ"), std::string::npos);
+}
+
+// ---- convert ----------------------------------------------------------------
+
+std::vector<std::string> SlotFiles(const std::string& dir) {
+  com::qvr::korva::configurator::qdsp6::ConfiguratorConfig config;
+  EXPECT_EQ(qvr::ReadConfiguratorConfig(dir + "/configurator.cfg", config, nullptr), qvr::ConfigRead::kOk);
+  std::vector<std::string> files;
+  for (const qvr::ConfigSlot& slot : qvr::kConfigSlots) files.push_back(dir + "/" + (config.*slot.get)().filename());
+  return files;
+}
+
+TEST_F(ToolTest, ConvertGivesWhatTheDriverReceivesFromTheConfigurator) {
+  const std::string capture = Path("capture");
+  const std::string command = std::string("ASAN_OPTIONS=verify_asan_link_order=0 '") + QVR_DRIVER_SIM_EXE +
+                              "' --capture '" + capture + "' -- '" + QVR_CONFIGURATOR_EXE + "' '" +
+                              QVR_EXAMPLES_DIR + "' >'" + Path("sim.out") + "' 2>&1";
+  ASSERT_EQ(std::system(command.c_str()), 0) << ReadFile(Path("sim.out"));
+
+  std::vector<std::string> uploads;
+  std::ifstream journal(capture + "/requests.jsonl");
+  for (std::string line; std::getline(journal, line);) {
+    const Json record = Json::parse(line);
+    if (record["request"] == "SET_PARAM") uploads.push_back(ReadFile(capture + "/" + record["arg"].get<std::string>()));
+  }
+  const std::vector<std::string> files = SlotFiles(QVR_EXAMPLES_DIR);
+  ASSERT_EQ(uploads.size(), files.size());
+  for (size_t i = 0; i < files.size(); ++i) {
+    SCOPED_TRACE(files[i]);
+    const std::string out = Path("slot" + std::to_string(i) + ".payload");
+    const ToolRun run = RunTool({"convert", files[i], "-o", out});
+    ASSERT_EQ(run.status, qvrcs_tool::kExitOk) << run.err;
+    EXPECT_NE(run.out.find("61664 bytes, reader status 0"), std::string::npos) << run.out;
+    const std::string payload = ReadFile(out);
+    ASSERT_EQ(payload.size(), qvr::kCacheBlockSize);
+    ASSERT_EQ(uploads[i].size(), sizeof(qvr_korva_param_desc) + qvr::kCacheBlockSize);
+    EXPECT_TRUE(uploads[i].compare(sizeof(qvr_korva_param_desc), std::string::npos, payload) == 0) << "payload differs from the upload";
+  }
+}
+
+TEST_F(ToolTest, ConvertReportsFilesTheConfiguratorWouldNotUploadOrUploadsBlank) {
+  Qvrcs bad = GoodTuning();
+  PostmixOf(bad).mutable_frontroom(0)->set_uuid(kOtherUuid);
+  ToolRun run = RunTool({"convert", Write("bad.bin", bad), "-o", Path("bad.payload")});
+  EXPECT_EQ(run.status, qvrcs_tool::kExitFindings);
+  EXPECT_FALSE(fs::exists(Path("bad.payload")));
+  EXPECT_EQ(run.err, "qvrcs: " + Path("bad.bin") +
+                         ": the configurator would not upload it (reader -4, premix 0, postmix -999): "
+                         "postmix.frontRoom[0]: no listening model holds room \"" + kOtherUuid + "\"\n");
+
+  WriteFile(Path("junk.bin"), std::string("\x0a\xff\xff", 3));
+  run = RunTool({"convert", "--json", Path("junk.bin"), "-o", Path("junk.payload")});
+  EXPECT_EQ(run.status, qvrcs_tool::kExitFindings);
+  EXPECT_EQ(ReadFile(Path("junk.payload")), std::string(qvr::kCacheBlockSize, '\0'));
+  const Json json = Json::parse(run.out);
+  EXPECT_EQ(json["reader_status"], 0);
+  EXPECT_EQ(json["parsed"], false);
+}
+
+// ---- dump and encode --------------------------------------------------------
+
+TEST_F(ToolTest, DumpAndEncodeRoundTripEveryExample) {
+  for (const auto& entry : fs::directory_iterator(QVR_EXAMPLES_DIR)) {
+    if (entry.path().extension() != ".bin") continue;
+    SCOPED_TRACE(entry.path().string());
+    const std::string text = Path("dump.textproto");
+    const std::string again = Path("again.bin");
+    ASSERT_EQ(RunTool({"dump", entry.path().string(), "-o", text}).status, qvrcs_tool::kExitOk);
+    const ToolRun run = RunTool({"encode", text, "-o", again});
+    ASSERT_EQ(run.status, qvrcs_tool::kExitOk) << run.err;
+    EXPECT_TRUE(ReadFile(again) == ReadFile(entry.path().string()));
+  }
+  const ToolRun json = RunTool({"dump", "--json", std::string(QVR_EXAMPLES_DIR) + "/lineout.bin"});
+  EXPECT_EQ(json.status, qvrcs_tool::kExitOk);
+  EXPECT_TRUE(Json::parse(json.out).contains("workspace"));
+}
+
+TEST_F(ToolTest, EncodeNamesTheLineAndColumnOfATextError) {
+  WriteFile(Path("bad.textproto"), "workspace {\n  routeConfiguration {\n    tecch {}\n  }\n}\n");
+  const ToolRun run = RunTool({"encode", Path("bad.textproto"), "-o", Path("out.bin")});
+  EXPECT_EQ(run.status, qvrcs_tool::kExitBadInput);
+  EXPECT_EQ(run.err.rfind("qvrcs: " + Path("bad.textproto") + ":3:11: ", 0), 0u) << run.err;
+  EXPECT_NE(run.err.find("tecch"), std::string::npos);
+  EXPECT_FALSE(fs::exists(Path("out.bin")));
+}
+
+// ---- bad input --------------------------------------------------------------
+
+TEST_F(ToolTest, BadInputGivesOneLineAndTheDocumentedStatus) {
+  const std::string missing = Path("missing.bin");
+  const std::string cannotOpen = "qvrcs: " + missing + ": cannot open: No such file or directory\n";
+  for (const std::vector<std::string>& args : std::vector<std::vector<std::string>>{
+           {"explain", missing}, {"dump", missing}, {"convert", missing, "-o", Path("x")},
+           {"encode", missing, "-o", Path("x")}, {"check", missing}}) {
+    const ToolRun run = RunTool(args);
+    EXPECT_EQ(run.status, qvrcs_tool::kExitBadInput) << args[0];
+    EXPECT_EQ(run.err, cannotOpen) << args[0];
+    EXPECT_EQ(run.out, "") << args[0];
+  }
+
+  // A truncated tuning file, a directory, a payload of the wrong size.
+  const std::string whole = ReadFile(std::string(QVR_EXAMPLES_DIR) + "/headphones.bin");
+  WriteFile(Path("cut.bin"), whole.substr(0, whole.size() / 2));
+  ToolRun run = RunTool({"explain", Path("cut.bin")});
+  EXPECT_EQ(run.status, qvrcs_tool::kExitBadInput);
+  EXPECT_EQ(run.err, "qvrcs: " + Path("cut.bin") +
+                         ": does not parse as a tuning file (truncated, or not a tuning file); not a payload either (" +
+                         std::to_string(whole.size() / 2) + " bytes, not 61664)\n");
+  run = RunTool({"dump", dir_});
+  EXPECT_EQ(run.err, "qvrcs: " + dir_ + ": is a directory, not a file\n");
+  run = RunTool({"diff", "--payload", Path("cut.bin"), Path("cut.bin")});
+  EXPECT_EQ(run.status, qvrcs_tool::kExitBadInput);
+  EXPECT_NE(run.err.find("not a payload: "), std::string::npos);
+
+  // The command line itself.
+  for (const std::vector<std::string>& args : std::vector<std::vector<std::string>>{
+           {}, {"frobnicate"}, {"check"}, {"explain", "a", "--bogus"}, {"convert", "a.bin"}}) {
+    run = RunTool(args);
+    EXPECT_EQ(run.status, qvrcs_tool::kExitUsage) << (args.empty() ? "" : args[0]);
+    EXPECT_EQ(run.err.rfind("qvrcs: ", 0), 0u);
+    EXPECT_EQ(std::count(run.err.begin(), run.err.end(), '\n'), 1);
+  }
+  run = RunTool({"check", "--help"});
+  EXPECT_EQ(run.status, qvrcs_tool::kExitOk);
+  EXPECT_NE(run.out.find("--warnings-ok"), std::string::npos);
+}
+
+}  // namespace
