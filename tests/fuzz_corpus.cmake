@@ -1,9 +1,16 @@
 # Every input kept in fuzz/corpus/<target>/ (seeds, and the inputs of every
 # fault the fuzzers found) runs through its fuzz target in the ordinary
 # builds too, as a test: fuzz_corpus_<target>.
-find_path(QVR_FUZZED_DATA_PROVIDER_DIR fuzzer/FuzzedDataProvider.h
+# The settings target reads its input through clang's header-only
+# FuzzedDataProvider; only that header is taken from clang's include
+# directory (the rest of it is clang's own and breaks gcc).
+find_file(QVR_FUZZED_DATA_PROVIDER fuzzer/FuzzedDataProvider.h
   PATHS /usr/lib/llvm-14/lib/clang/14.0.6/include /usr/lib/llvm-14/lib/clang/14/include
   NO_DEFAULT_PATH)
+if(QVR_FUZZED_DATA_PROVIDER)
+  set(QVR_FUZZED_DATA_PROVIDER_DIR ${CMAKE_CURRENT_BINARY_DIR}/fuzz_include)
+  file(COPY ${QVR_FUZZED_DATA_PROVIDER} DESTINATION ${QVR_FUZZED_DATA_PROVIDER_DIR}/fuzzer)
+endif()
 
 set(fuzz_dir ${PROJECT_SOURCE_DIR}/fuzz)
 set(fuzz_support_sources ${fuzz_dir}/fuzz_support.cpp ${fuzz_dir}/block_checks.cpp)
