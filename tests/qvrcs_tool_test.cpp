@@ -263,6 +263,11 @@ TEST_F(ToolTest, CheckReportsFilesTheReaderCannotTake) {
   EXPECT_NE(run.out.find("attached0  slot.bin              FAILS: reader -4"), std::string::npos) << run.out;
   EXPECT_NE(run.out.find("5 of 6 slots load"), std::string::npos) << run.out;
   EXPECT_EQ(run.out.find("QVR_KORVA"), std::string::npos) << "the reader's log stays out of the plain report";
+  EXPECT_EQ(run.err, "");
+  const ToolRun verbose = RunTool({"check", "-v", dir_});
+  EXPECT_NE(verbose.out.find("log: "), std::string::npos) << verbose.out;
+  EXPECT_NE(verbose.out.find("Error: " + Path("slot.bin") + " has no workspace"), std::string::npos) << verbose.out;
+  EXPECT_EQ(verbose.err, "");
 }
 
 TEST_F(ToolTest, CheckReportsConfigurationErrorsWithLineAndColumn) {
@@ -423,6 +428,21 @@ TEST_F(ToolTest, CheckSaysNothingOnTheExampleSet) {
 }
 
 // ---- explain and diff -------------------------------------------------------
+
+TEST(SectionMapTest, SectionsCoverThePostmixBlockAfterTheControlSection) {
+  size_t next = qvrcs::PostmixControlFieldMap().back().offset + qvrcs::PostmixControlFieldMap().back().width / 8;
+  EXPECT_EQ(next, qvrcs::kPostmixControlSize);
+  const auto map = qvrcs::PostmixSectionMap();
+  for (const qvrcs::SectionInfo& section : map) {
+    EXPECT_EQ(section.offset, next) << section.name;
+    EXPECT_GT(section.size, 0u) << section.name;
+    EXPECT_EQ(section.size % (section.width / 8), 0u) << section.name;
+    EXPECT_EQ(qvrcs::SectionAt(map, section.offset + section.size - 1), &section) << section.name;
+    next = section.offset + section.size;
+  }
+  EXPECT_EQ(next, qvrcs::kPostmixBlockSize);
+  EXPECT_EQ(qvrcs::SectionAt(map, qvrcs::kPostmixBlockSize), nullptr);
+}
 
 // Every row of `json` by name and block.
 const Json* RowNamed(const Json& rows, const std::string& block, const std::string& name) {

@@ -177,6 +177,9 @@ void AddSections(View& view, const Analysis* analysis, const std::vector<uint8_t
       row.origin = "file";
       if (!origin->source.empty()) row.source = origin->source;
       row.note = origin->detail;
+    } else if (origin->fromFile) {
+      row.origin = "template";
+      row.note = "not written: the conversion stopped before this section";
     } else {
       row.origin = asTemplate ? "template" : "conversion";
       row.note = origin->detail;
