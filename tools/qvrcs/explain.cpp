@@ -172,7 +172,6 @@ void AddSections(View& view, const Analysis* analysis, const std::vector<uint8_t
     const SectionOrigin* origin = analysis != nullptr ? analysis->Section(s.name) : nullptr;
     if (origin == nullptr) {
       row.origin = asTemplate ? "template" : "changed";
-      if (s.kind == qvrcs::SectionKind::kFixedWords) row.note = "no conversion writes these words";
     } else if (origin->fromFile && (view.postmixStatus == 0 || !asTemplate)) {
       row.origin = "file";
       if (!origin->source.empty()) row.source = origin->source;
@@ -184,6 +183,7 @@ void AddSections(View& view, const Analysis* analysis, const std::vector<uint8_t
       row.origin = asTemplate ? "template" : "conversion";
       row.note = origin->detail;
     }
+    if (s.kind == qvrcs::SectionKind::kFixedWords) row.note = "no conversion writes these words";
     view.rows.push_back(row);
   }
 }
