@@ -7,9 +7,12 @@
 // qvrcs/layout.h. Every byte not named here is zero.
 #include "qvrcs/templates.h"
 
+#include <algorithm>
 #include <array>
+#include <cstdint>
 #include <iterator>
 #include <string>
+#include <unordered_map>
 #include <vector>
 
 #include "qvrcs/block_io.h"
@@ -176,7 +179,18 @@ void StoreWords(BlockView view, size_t offset, const int32_t (&words)[N]) {
 class FieldDefaults {
  public:
   FieldDefaults(std::vector<FieldInfo> map, BlockView block)
-      : map_(std::move(map)), block_(block), done_(map_.size(), false) {}
+      : map_(std::move(map)), block_(block), done_(map_.size(), false) {
+    // Map entries by field: a scalar "path", or the slots "path[i]" of an
+    // array under their common "path". Built once, so that each default is
+    // found without a walk over the whole map.
+    for (size_t i = 0; i < map_.size(); ++i) {
+      const std::string& path = map_[i].path;
+      const size_t bracket = path.find('[');
+      Field& field = fields_[bracket == std::string::npos ? path : path.substr(0, bracket)];
+      field.entries.push_back(i);
+      if (bracket != std::string::npos) field.firstSlot = std::min(field.firstSlot, map_[i].offset);
+    }
+  }
 
   template <size_t N>
   void Apply(const std::string& record, const Default (&defaults)[N]) {
@@ -201,45 +215,40 @@ class FieldDefaults {
   }
 
  private:
+  struct Field {
+    std::vector<size_t> entries;  // map entries, in map order
+    size_t firstSlot = SIZE_MAX;  // lowest offset among an array's slots
+  };
+
   void Apply(const std::string& path, const std::array<int32_t, 7>& values) {
-    // A scalar, or the slots of an array "path[i]", which start at the
-    // lowest offset among them.
-    const std::string element = path + "[";
-    bool found = false;
-    size_t first = SIZE_MAX;
-    for (const FieldInfo& field : map_) {
-      if (field.path.compare(0, element.size(), element) == 0 && field.offset < first) {
-        first = field.offset;
-      }
+    const auto field = fields_.find(path);
+    if (field == fields_.end()) {
+      ok_ = false;
+      return;
     }
-    for (size_t i = 0; i < map_.size(); ++i) {
-      const FieldInfo& field = map_[i];
-      size_t slot = 0;
-      if (field.path == path) {
-        slot = 0;
-      } else if (field.path.compare(0, element.size(), element) == 0) {
-        slot = (field.offset - first) / 4;
-      } else {
-        continue;
-      }
+    for (const size_t i : field->second.entries) {
+      const FieldInfo& info = map_[i];
+      // A scalar takes the first value; an array slot the value of its
+      // position from the array's lowest offset.
+      const bool slotOfArray = info.path.size() != path.size();
+      const size_t slot = slotOfArray ? (info.offset - field->second.firstSlot) / 4 : 0;
       if (slot >= values.size()) {
         ok_ = false;
         continue;
       }
-      if (field.width == 16) {
-        StoreI16(block_, field.offset, values[slot]);
+      if (info.width == 16) {
+        StoreI16(block_, info.offset, values[slot]);
       } else {
-        StoreI32(block_, field.offset, values[slot]);
+        StoreI32(block_, info.offset, values[slot]);
       }
       done_[i] = true;
-      found = true;
     }
-    if (!found) ok_ = false;
   }
 
   std::vector<FieldInfo> map_;
   BlockView block_;
   std::vector<bool> done_;
+  std::unordered_map<std::string, Field> fields_;
   bool ok_ = true;
 };
 

@@ -1,0 +1,22 @@
+#!/usr/bin/env bash
+# Whole-run benchmark: qvr_configurator on six maximum-size tuning files
+# under the simulated driver, side by side with bare_parse (the same files
+# read and parsed, nothing else). Prints each program's own CPU time, wall
+# time and peak RSS, and the CPU ratio against the goals (<= 1.2, <= 8 MB).
+#
+#   QVR_BENCH_BUILD  build directory (default build)
+#   arguments go to Google Benchmark; without any, ten repetitions of each
+#   program, interleaved at random so that a busy spell of the machine does
+#   not fall on one side only
+set -euo pipefail
+cd "$(dirname "$0")/.."
+build=${QVR_BENCH_BUILD:-build}
+
+cmake -S . -B "$build" -DCMAKE_BUILD_TYPE=RelWithDebInfo
+cmake --build "$build" -j"$(nproc)" --target whole_run_bench korva-driver-sim
+
+if [ $# -eq 0 ]; then
+  set -- --benchmark_repetitions=10 --benchmark_enable_random_interleaving=true \
+    --benchmark_report_aggregates_only=true
+fi
+exec "$build/tools/korva-driver-sim/korva-driver-sim" -- "$build/bench/whole_run_bench" "$@"
