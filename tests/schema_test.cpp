@@ -547,6 +547,13 @@ TEST(SchemaDefaults, UnsetFieldsReadTheirDeclaredDefaults) {
   EXPECT_EQ(room.version(), "0.0.0.0");
   EXPECT_EQ(hp.version(), "0.0.0.0");
   EXPECT_EQ(room.channelmask(), 0u);
+  // NONE is also the first value, so only the descriptor shows that the
+  // default is declared, as the tuning tools' own descriptors have it.
+  for (const gp::Descriptor* d : {model::roomModel::descriptor(), model::headphoneEq::descriptor()}) {
+    const gp::FieldDescriptor* ext = d->FindFieldByName("extType");
+    ASSERT_NE(ext, nullptr);
+    EXPECT_TRUE(ext->has_default_value()) << d->name();
+  }
 
   wbn::Workspace ws;
   EXPECT_EQ(ws.applyto(), wbn::AT_DEFAULT);
@@ -613,7 +620,7 @@ class ErrorLog : public gp::io::ErrorCollector {
   std::string text;
 };
 
-class ConfigFile : public ::testing::Test {
+class SchemaConfigFile : public ::testing::Test {
  protected:
   void SetUp() override {
     path_ = ::testing::TempDir() + "schema_test_" + std::to_string(getpid()) + "_configurator.cfg";
@@ -655,7 +662,7 @@ std::string ConfigText(const std::string& skip_slot, bool drop_bitmask_of_combo 
   return text;
 }
 
-TEST_F(ConfigFile, CompleteFileFillsSixSlotsInFieldOrder) {
+TEST_F(SchemaConfigFile, CompleteFileFillsSixSlotsInFieldOrder) {
   cfg::ConfiguratorConfig config;
   ASSERT_TRUE(Parse(ConfigText(""), &config))
       << errors_.text;
@@ -674,7 +681,7 @@ TEST_F(ConfigFile, CompleteFileFillsSixSlotsInFieldOrder) {
   EXPECT_EQ(config.other().device_bitmask(), 0xffffffffu);  // uint32: the top bit is data
 }
 
-TEST_F(ConfigFile, IncompleteOrForeignFilesAreRejected) {
+TEST_F(SchemaConfigFile, IncompleteOrForeignFilesAreRejected) {
   cfg::ConfiguratorConfig config;
   EXPECT_FALSE(Parse(ConfigText("other"), &config));
   EXPECT_NE(errors_.text.find("other"), std::string::npos) << errors_.text;
