@@ -23,33 +23,29 @@ constexpr uint32_t kDspSampleRate = 48000;
 // Log lines of this file.
 constexpr char kLogNullArgument[] = "Error:  filename or outData is NULL";
 constexpr char kLogCannotOpen[] = "Error: could not open %s";
-constexpr char kLogNoWorkspace[] = "Error: %s has no workspace";
-constexpr char kLogNoRouteConfiguration[] = "Error: %s has no routeConfiguration in workspace 0";
-constexpr char kLogNoTech[] = "Error: %s has no tech in routeConfiguration 0";
+constexpr char kLogEmptySelection[] = "Error: %s has no %s";
 constexpr char kLogConversionFailed[] = "Error: parsing Pre (res = %i) or Post (res = %i)";
 
-// workspace[0].routeConfiguration[0].tech[0].korva_v1_1, or nullptr (with a
-// log line) when one of the three lists is empty. An absent korva_v1_1 reads
-// as its default instance.
-const KorvaSettings* SelectSettings(const Qvrcs& message, const char* filename) {
+}  // namespace
+
+const KorvaSettings* QVRCS_SelectSettings(const Qvrcs& message, const char** missing) {
+  *missing = nullptr;
   if (message.workspace_size() == 0) {
-    QVR_LOG(kLogNoWorkspace, filename);
+    *missing = "workspace";
     return nullptr;
   }
   const auto& workspace = message.workspace(0);
   if (workspace.routeconfiguration_size() == 0) {
-    QVR_LOG(kLogNoRouteConfiguration, filename);
+    *missing = "routeConfiguration in workspace 0";
     return nullptr;
   }
   const auto& route = workspace.routeconfiguration(0);
   if (route.tech_size() == 0) {
-    QVR_LOG(kLogNoTech, filename);
+    *missing = "tech in routeConfiguration 0";
     return nullptr;
   }
   return &route.tech(0).korva_v1_1();
 }
-
-}  // namespace
 
 int32_t QVRCS_GetPremixData(const char* filename, uint8_t* outData) {
   if (filename == nullptr || outData == nullptr) {
@@ -71,8 +67,12 @@ int32_t QVRCS_GetPremixData(const char* filename, uint8_t* outData) {
   // uploads the payload as it stands.
   if (!message.ParseFromIstream(&file)) return kResultOk;
 
-  const KorvaSettings* settings = SelectSettings(message, filename);
-  if (settings == nullptr) return kResultFailed;
+  const char* missing = nullptr;
+  const KorvaSettings* settings = QVRCS_SelectSettings(message, &missing);
+  if (settings == nullptr) {
+    QVR_LOG(kLogEmptySelection, filename, missing);
+    return kResultFailed;
+  }
 
   // Both images live in this frame; ~61.6 KB together.
   qvrcs::PremixBlock premix;

@@ -84,21 +84,10 @@ bool ReadInput(const std::string& path, InputKind kind, Input& input, std::strin
 }
 
 const KorvaSettings* SelectSettings(const Qvrcs& message, std::string& why) {
-  if (message.workspace_size() == 0) {
-    why = "the file has no workspace";
-    return nullptr;
-  }
-  const auto& workspace = message.workspace(0);
-  if (workspace.routeconfiguration_size() == 0) {
-    why = "workspace[0] has no routeConfiguration";
-    return nullptr;
-  }
-  const auto& route = workspace.routeconfiguration(0);
-  if (route.tech_size() == 0) {
-    why = "workspace[0].routeConfiguration[0] has no tech";
-    return nullptr;
-  }
-  return &route.tech(0).korva_v1_1();
+  const char* missing = nullptr;
+  const KorvaSettings* settings = QVRCS_SelectSettings(message, &missing);
+  if (settings == nullptr) why = std::string("the file has no ") + missing;
+  return settings;
 }
 
 std::unique_ptr<Conversion> Convert(const Qvrcs& message) {
