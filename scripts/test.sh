@@ -14,3 +14,7 @@ cmake -S . -B build-asan -DCMAKE_BUILD_TYPE=Debug -DQVR_SANITIZE=ON -DQVR_BUILD_
 cmake --build build-asan -j"$jobs"
 ASAN_OPTIONS=verify_asan_link_order=0:detect_leaks=1 \
   ctest --test-dir build-asan --output-on-failure -j"$jobs"
+
+# The fuzz targets (clang, their own build tree): every corpus input
+# replayed, then each target fuzzed for QVR_FUZZ_SECONDS (default 60).
+bash scripts/fuzz.sh
