@@ -25,7 +25,7 @@ namespace {
 
 constexpr const char* kPreloadLibrary = "libumockdev-preload.so.0";
 constexpr const char* kDefaultVersion = "KORVA-SIM 1.1.0";
-constexpr const char* kDefaultDescription = "Simulated Korva QDSP6 driver (korva-driver-sim)";
+constexpr const char* kDefaultDescription = "Simulated Korva DSP driver (korva-driver-sim)";
 
 // The absent-nodes library: built next to this executable.
 std::string AbsentNodesLibrary() {
