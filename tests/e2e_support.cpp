@@ -7,13 +7,9 @@
 
 #include <algorithm>
 #include <chrono>
-#include <cstdarg>
 #include <cstring>
 #include <filesystem>
-#include <fstream>
 #include <nlohmann/json.hpp>
-#include <regex>
-#include <sstream>
 
 extern char** environ;
 
@@ -26,15 +22,6 @@ const char* const kFaketimeExe = QVR_FAKETIME_EXE;
 namespace {
 
 namespace fs = std::filesystem;
-
-// Standard error lines that belong to someone other than the configurator's log.
-bool IsForeignLine(const std::string& line) {
-  static const char* const kPrefixes[] = {"[libprotobuf", "korva-driver-sim:", "==", "ERROR: libumockdev"};
-  for (const char* prefix : kPrefixes) {
-    if (line.rfind(prefix, 0) == 0) return true;
-  }
-  return false;
-}
 
 // The environment of a run: ours, plus what a sanitizer build needs to run
 // under the simulator's preload library.
@@ -100,81 +87,10 @@ size_t RunResult::Count(const std::string& message) const {
   return static_cast<size_t>(std::count(log.begin(), log.end(), message));
 }
 
-std::vector<std::string> ParseLog(const std::string& stderrText) {
-  static const std::regex kLine(
-      R"(^QVR_KORVA \(qvr_configurator\) I \d\d-\d\d \d\d:\d\d:\d\d +\d+ +\d+ (.*)$)");
-  std::vector<std::string> messages;
-  bool continuable = false;
-  std::istringstream lines(stderrText);
-  std::string line;
-  std::smatch match;
-  while (std::getline(lines, line)) {
-    if (std::regex_match(line, match, kLine)) {
-      messages.push_back(match[1]);
-      continuable = true;
-    } else if (continuable && !IsForeignLine(line)) {
-      messages.back() += "\n" + line;
-    } else {
-      continuable = false;
-    }
-  }
-  return messages;
-}
-
-std::string Format(const char* format, ...) {
-  va_list args;
-  va_start(args, format);
-  va_list copy;
-  va_copy(copy, args);
-  const int length = std::vsnprintf(nullptr, 0, format, copy);
-  va_end(copy);
-  std::string text(static_cast<size_t>(length) + 1, '\0');
-  std::vsnprintf(text.data(), text.size(), format, args);
-  va_end(args);
-  text.resize(static_cast<size_t>(length));
-  return text;
-}
-
-std::vector<uint8_t> Words(const std::vector<uint32_t>& words) {
-  std::vector<uint8_t> bytes;
-  for (uint32_t word : words) {
-    for (int shift = 0; shift < 32; shift += 8) bytes.push_back(static_cast<uint8_t>(word >> shift));
-  }
-  return bytes;
-}
-
-std::string ReadFile(const std::string& path) {
-  std::ifstream in(path, std::ios::binary);
-  EXPECT_TRUE(in.is_open()) << "cannot read " << path;
-  std::ostringstream content;
-  content << in.rdbuf();
-  return content.str();
-}
-
-void WriteFile(const std::string& path, const std::string& bytes) {
-  std::ofstream out(path, std::ios::binary | std::ios::trunc);
-  out << bytes;
-  ASSERT_TRUE(out.good()) << "cannot write " << path;
-}
-
-void E2eTest::SetUp() {
-  std::string pattern = testing::TempDir() + "qvr_e2e_XXXXXX";
-  ASSERT_NE(mkdtemp(pattern.data()), nullptr) << std::strerror(errno);
-  dir_ = fs::absolute(pattern).string();
-}
-
-void E2eTest::TearDown() {
-  if (dir_.empty()) return;
-  std::error_code error;
-  fs::remove_all(dir_, error);
-  EXPECT_FALSE(error) << "cannot remove " << dir_ << ": " << error.message();
-  EXPECT_FALSE(fs::exists(dir_)) << dir_ << " is left behind";
-}
-
 RunResult E2eTest::RunSim(const std::vector<std::string>& simOptions,
                           const std::vector<std::string>& command) {
   RunResult result;
-  const std::string runDir = dir_ + "/run" + std::to_string(++runs_);
+  const std::string runDir = dir() + "/run" + std::to_string(++runs_);
   const std::string captureDir = runDir + "/capture";
   EXPECT_TRUE(fs::create_directories(runDir)) << runDir;
   const std::string outPath = runDir + "/stdout";

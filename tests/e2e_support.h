@@ -4,13 +4,19 @@
 // through E2eTest::RunSim.
 #pragma once
 
-#include <gtest/gtest.h>
-
 #include <cstdint>
 #include <string>
 #include <vector>
 
+#include "test_support.h"
+
 namespace e2e {
+
+using qvr_test::Format;
+using qvr_test::ParseLog;
+using qvr_test::ReadFile;
+using qvr_test::Words;
+using qvr_test::WriteFile;
 
 // One driver request as the simulator recorded it.
 struct Request {
@@ -37,38 +43,14 @@ struct RunResult {
   size_t Count(const std::string& message) const;
 };
 
-// Log messages of the configurator's tag in liblog's standard error lines
-// ("TAG I MM-DD HH:MM:SS  pid  tid message"). A line without the prefix that
-// follows a message continues it (a message may contain a line break), unless
-// it is another component's line (protobuf, the simulator, a sanitizer).
-std::vector<std::string> ParseLog(const std::string& stderrText);
-
-// printf into a std::string.
-std::string Format(const char* format, ...) __attribute__((format(printf, 1, 2)));
-
-// Little-endian words as bytes, for expected records.
-std::vector<uint8_t> Words(const std::vector<uint32_t>& words);
-
-std::string ReadFile(const std::string& path);
-void WriteFile(const std::string& path, const std::string& bytes);
-
-// A private scratch directory per test, removed (and checked removed) after it.
-class E2eTest : public testing::Test {
+class E2eTest : public qvr_test::ScratchDirTest {
  protected:
-  void SetUp() override;
-  void TearDown() override;
-
   // Runs `korva-driver-sim --capture DIR simOptions... -- command...`.
-  RunResult RunSim(const std::vector<std::string>& simOptions,
-                   const std::vector<std::string>& command);
+  RunResult RunSim(const std::vector<std::string>& simOptions, const std::vector<std::string>& command);
   // Runs the configurator under the simulator with `args` after the program name.
-  RunResult RunConfigurator(const std::vector<std::string>& simOptions,
-                            const std::vector<std::string>& args);
-
-  const std::string& dir() const { return dir_; }
+  RunResult RunConfigurator(const std::vector<std::string>& simOptions, const std::vector<std::string>& args);
 
  private:
-  std::string dir_;
   int runs_ = 0;
 };
 

@@ -1,17 +1,15 @@
 // The simulated driver's model, driven directly with a fake client: what each
 // request does to the cache, what it answers, and that no argument size from
 // the client is trusted.
-#include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <unistd.h>
 
 #include <cerrno>
 #include <cstring>
 #include <filesystem>
-#include <fstream>
-#include <sstream>
+#include <tuple>
 
 #include "configurator/korva_driver.h"
+#include "test_support.h"
 #include "tools/korva-driver-sim/sim_model.h"
 
 namespace {
@@ -76,25 +74,24 @@ FakeClient Upload(int32_t size, size_t present, uint8_t fill, uint32_t device = 
 
 bool IsOk(const Outcome& outcome) { return outcome.answer == 0 && outcome.error == 0; }
 
-TEST(AnswerRuleTest, ParsesRequestOccurrenceAndValue) {
+// Every byte of [first, last) is `value`.
+bool All(Bytes::const_iterator first, Bytes::const_iterator last, uint8_t value) {
+  return std::all_of(first, last, [value](uint8_t b) { return b == value; });
+}
+
+TEST(AnswerRuleTest, ParsesRulesAndTheExactOccurrenceWins) {
   AnswerRule rule;
   std::string error;
   ASSERT_TRUE(korva_sim::ParseAnswerRule("SET_PARAM#3=-5", rule, error)) << error;
-  EXPECT_EQ(rule.request, "SET_PARAM");
-  EXPECT_EQ(rule.occurrence, 3u);
-  EXPECT_EQ(rule.value, -5);
+  EXPECT_EQ(std::tie(rule.request, rule.occurrence, rule.value), std::tuple("SET_PARAM", 3u, -5));
   ASSERT_TRUE(korva_sim::ParseAnswerRule("GET_PARAM=0x14", rule, error)) << error;
-  EXPECT_EQ(rule.occurrence, 0u);
-  EXPECT_EQ(rule.value, 20);
-
+  EXPECT_EQ(std::tie(rule.occurrence, rule.value), std::tuple(0u, 20));
   for (const char* bad : {"BOGUS=1", "SET_PARAM", "SET_PARAM#0=1", "SET_PARAM#x=1", "SET_PARAM=abc",
                           "SET_PARAM=99999999999", "=1", "set_param=1"}) {
     EXPECT_FALSE(korva_sim::ParseAnswerRule(bad, rule, error)) << bad;
     EXPECT_FALSE(error.empty()) << bad;
   }
-}
 
-TEST(AnswerRuleTest, ExactOccurrenceWinsOverEveryOccurrence) {
   const std::vector<AnswerRule> rules = {
       {"SET_PARAM", 2, -7}, {"SET_PARAM", 0, 4}, {"SET_PARAM", 0, 5}, {"GET_PARAM", 1, -1}};
   EXPECT_EQ(korva_sim::FindAnswer(rules, "SET_PARAM", 1), 5) << "the later general rule wins";
@@ -114,7 +111,7 @@ TEST(SimDriverTest, UploadLandsAtTheSelectedBlock) {
   ASSERT_EQ(cache.size(), static_cast<size_t>(qvr::kDriverCacheSize));
   const size_t base = 2 * qvr::kCacheBlockSize;
   EXPECT_EQ(std::count(cache.begin(), cache.end(), 0x5A), 100);
-  EXPECT_TRUE(std::all_of(cache.begin() + base, cache.begin() + base + 100, [](uint8_t b) { return b == 0x5A; }));
+  EXPECT_TRUE(All(cache.begin() + base, cache.begin() + base + 100, 0x5A));
   const korva_sim::BlockState& block = driver.blocks().at(2);
   EXPECT_TRUE(block.uploaded);
   EXPECT_EQ(block.device, 0x80000020u);
@@ -144,7 +141,7 @@ TEST(SimDriverTest, UploadSizeIsNeverTrusted) {
   truncated.memory.assign(8, 0);
   EXPECT_EQ(truncated.Send(driver, QVR_KORVA_IOCTL_SET_PARAM).error, EFAULT);
 
-  EXPECT_TRUE(std::all_of(driver.cache().begin(), driver.cache().end(), [](uint8_t b) { return b == 0; }))
+  EXPECT_TRUE(All(driver.cache().begin(), driver.cache().end(), 0))
       << "no refused upload reached the cache";
   EXPECT_FALSE(driver.blocks().at(5).uploaded);
 }
@@ -168,7 +165,7 @@ TEST(SimDriverTest, QueryReplyStaysInsideTheDescribedSpace) {
   FakeClient client = ClientWith(version, 64, 0xEE);
   ASSERT_TRUE(IsOk(client.Send(driver, QVR_KORVA_IOCTL_GET_PARAM)));
   EXPECT_EQ(std::string(client.memory.begin() + 16, client.memory.begin() + 36), "0123456789ABCDEFGHIJ");
-  EXPECT_TRUE(std::all_of(client.memory.begin() + 36, client.memory.end(), [](uint8_t b) { return b == 0xEE; }));
+  EXPECT_TRUE(All(client.memory.begin() + 36, client.memory.end(), 0xEE));
 
   // A shorter text is padded with zeros up to the described size, no further.
   qvr_korva_param_desc description{PARAM_ID_DSP_DESCRIPTION, 8, -1, 0x80000002};
@@ -183,7 +180,7 @@ TEST(SimDriverTest, QueryReplyStaysInsideTheDescribedSpace) {
        {qvr_korva_param_desc{PARAM_ID_POSTMIX, 20, -1, 2}, qvr_korva_param_desc{PARAM_ID_DSP_VERSION, -4, -1, 2}}) {
     client = ClientWith(bad, 64, 0xEE);
     EXPECT_EQ(client.Send(driver, QVR_KORVA_IOCTL_GET_PARAM).error, EINVAL);
-    EXPECT_TRUE(std::all_of(client.memory.begin() + 16, client.memory.end(), [](uint8_t b) { return b == 0xEE; }));
+    EXPECT_TRUE(All(client.memory.begin() + 16, client.memory.end(), 0xEE));
   }
 }
 
@@ -191,43 +188,36 @@ TEST(SimDriverTest, ForcedRefusalChangesNothing) {
   DriverConfig config;
   config.answers = {{"SET_CACHE_SIZE", 1, -12}, {"GET_PARAM", 0, -5}};
   Driver driver(config);
-  Outcome first = SetCacheSize(driver, 4096);
-  EXPECT_EQ(first.answer, -1);
-  EXPECT_EQ(first.error, 12);
+  const Outcome first = SetCacheSize(driver, 4096);
+  EXPECT_EQ(std::tie(first.answer, first.error), std::tuple(-1, 12));
   EXPECT_TRUE(driver.cache().empty());
   EXPECT_TRUE(IsOk(SetCacheSize(driver, 4096))) << "only the first occurrence was refused";
   EXPECT_EQ(driver.cache().size(), 4096u);
 
   FakeClient query = ClientWith(qvr_korva_param_desc{PARAM_ID_DSP_VERSION, 20, -1, 2}, 20, 0xEE);
   const Outcome refused = query.Send(driver, QVR_KORVA_IOCTL_GET_PARAM);
-  EXPECT_EQ(refused.answer, -1);
-  EXPECT_EQ(refused.error, 5);
-  EXPECT_TRUE(std::all_of(query.memory.begin() + 16, query.memory.end(), [](uint8_t b) { return b == 0xEE; }))
+  EXPECT_EQ(std::tie(refused.answer, refused.error), std::tuple(-1, 5));
+  EXPECT_TRUE(All(query.memory.begin() + 16, query.memory.end(), 0xEE))
       << "a refused query writes no reply";
 }
 
-TEST(SimDriverTest, CaptureRecordsEveryRequestIncludingUnknownOnes) {
-  std::string pattern = testing::TempDir() + "korva_sim_XXXXXX";
-  ASSERT_NE(mkdtemp(pattern.data()), nullptr);
-  const std::string dir = pattern;
+using CaptureTest = qvr_test::ScratchDirTest;
+
+TEST_F(CaptureTest, RecordsEveryRequestIncludingUnknownOnes) {
   {
     DriverConfig config;
-    config.captureDir = dir + "/capture";
+    config.captureDir = Path("capture");
     Driver driver(config);
     std::string error;
     ASSERT_TRUE(driver.Start(error)) << error;
     ASSERT_TRUE(IsOk(SetCacheSize(driver, qvr::kDriverCacheSize)));
     FakeClient stray;
     const Outcome unknown = stray.Send(driver, 0xF2FFu);
-    EXPECT_EQ(unknown.answer, -1);
-    EXPECT_EQ(unknown.error, ENOTTY);
+    EXPECT_EQ(std::tie(unknown.answer, unknown.error), std::tuple(-1, ENOTTY));
     EXPECT_EQ(stray.largestRequest, 0u) << "an unknown request's argument is not read";
     FakeClient absurd = Upload(INT32_MAX, 4, 0x33);
     absurd.Send(driver, QVR_KORVA_IOCTL_SET_PARAM);
   }
-  std::ifstream journal(dir + "/capture/requests.jsonl");
-  std::stringstream text;
-  text << journal.rdbuf();
   const std::string expected =
       "{\"seq\":1,\"node\":\"/dev/qvr_korva\",\"request\":\"SET_CACHE_SIZE\",\"code\":1074065921,"
       "\"answer\":0,\"errno\":0,\"arg\":\"0001-SET_CACHE_SIZE.bin\",\"arg_size\":4}\n"
@@ -235,11 +225,9 @@ TEST(SimDriverTest, CaptureRecordsEveryRequestIncludingUnknownOnes) {
       "\"answer\":-1,\"errno\":25,\"arg\":\"0002-UNKNOWN.bin\",\"arg_size\":0}\n"
       "{\"seq\":3,\"node\":\"/dev/qvr_korva\",\"request\":\"SET_PARAM\",\"code\":1074328067,"
       "\"answer\":-1,\"errno\":22,\"arg\":\"0003-SET_PARAM.bin\",\"arg_size\":16}\n";
-  EXPECT_EQ(text.str(), expected);
-  EXPECT_EQ(fs::file_size(dir + "/capture/0001-SET_CACHE_SIZE.bin"), 4u);
-  EXPECT_EQ(fs::file_size(dir + "/capture/0003-SET_PARAM.bin"), 16u);
-  fs::remove_all(dir);
-  EXPECT_FALSE(fs::exists(dir));
+  EXPECT_EQ(qvr_test::ReadFile(Path("capture/requests.jsonl")), expected);
+  EXPECT_EQ(fs::file_size(Path("capture/0001-SET_CACHE_SIZE.bin")), 4u);
+  EXPECT_EQ(fs::file_size(Path("capture/0003-SET_PARAM.bin")), 16u);
 }
 
 }  // namespace

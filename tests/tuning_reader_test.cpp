@@ -1,89 +1,43 @@
 // The tuning file reader, through small binary tuning files written to a
-// private temporary directory: results, log lines and what reaches the
-// payload.
+// private directory: results, log lines and what reaches the payload.
 #include "configurator/tuning_reader.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <sys/stat.h>
-#include <unistd.h>
 
-#include <cstdlib>
-#include <fstream>
 #include <string>
 #include <vector>
 
-#include "configurator/log.h"
 #include "configurator/payload.h"
 #include "qvrcs/qvrcs.h"
 #include "qvrcs/record_layout.h"
-#include "qvrcsPB.pb.h"
+#include "test_support.h"
 
 namespace {
 
-using com::qvr::pb::korva_v1_1::KorvaSettings;
-using com::qvr::pb::wbn::Qvrcs;
-using testing::HasSubstr;
-
-constexpr uint8_t kFill = 0xA5;
+using qvr_test::KorvaSettings;
+using qvr_test::Lines;
+using qvr_test::Qvrcs;
+using qvr_test::TuningWith;
 using Payload = std::vector<uint8_t>;
 
-// Number of log lines in captured standard error.
-size_t LineCount(const std::string& text) {
-  size_t lines = 0;
-  for (char c : text) lines += c == '\n';
-  return lines;
-}
+constexpr uint8_t kFill = 0xA5;
+const Payload kUntouched(qvr::kCacheBlockSize, kFill);
 
-class TuningReaderTest : public testing::Test {
+class TuningReaderTest : public qvr_test::ScratchDirTest {
  protected:
-  void SetUp() override {
-    std::string pattern = testing::TempDir() + "tuning_reader_XXXXXX";
-    ASSERT_NE(mkdtemp(pattern.data()), nullptr);
-    dir_ = pattern;
-  }
-
-  void TearDown() override {
-    for (const std::string& path : files_) std::remove(path.c_str());
-    ASSERT_EQ(rmdir(dir_.c_str()), 0) << "temporary directory not empty: " << dir_;
-    struct stat st {};
-    EXPECT_NE(stat(dir_.c_str(), &st), 0) << dir_ << " still exists";
-  }
-
-  std::string Write(const std::string& name, const std::string& bytes) {
-    const std::string path = dir_ + "/" + name;
-    std::ofstream out(path, std::ios::binary | std::ios::trunc);
-    out << bytes;
-    EXPECT_TRUE(out.good()) << path;
-    files_.push_back(path);
-    return path;
-  }
-
-  std::string WriteTuning(const std::string& name, const Qvrcs& message) {
-    return Write(name, message.SerializeAsString());
-  }
-
-  // Runs the reader over `path` into a payload prefilled with kFill and
-  // keeps what it logged.
-  int32_t Read(const char* path, Payload& payload) {
-    payload.assign(qvr::kCacheBlockSize, kFill);
+  // Runs the reader over `path` into a payload prefilled with kFill (or a
+  // null payload) and keeps the log messages it wrote.
+  int32_t Read(const char* path, Payload& payload, bool nullPayload = false) {
+    payload = kUntouched;
     testing::internal::CaptureStderr();
-    const int32_t result = QVRCS_GetPremixData(path, payload.data());
-    log_ = testing::internal::GetCapturedStderr();
+    const int32_t result = QVRCS_GetPremixData(path, nullPayload ? nullptr : payload.data());
+    log_ = qvr_test::ParseLog(testing::internal::GetCapturedStderr());
     return result;
   }
 
-  std::string dir_;
-  std::vector<std::string> files_;
-  std::string log_;
+  Lines log_;
 };
-
-// A tuning file whose first selection path leads to `settings`.
-Qvrcs TuningWith(const KorvaSettings& settings) {
-  Qvrcs message;
-  *message.add_workspace()->add_routeconfiguration()->add_tech()->mutable_korva_v1_1() = settings;
-  return message;
-}
 
 // Settings that touch both blocks: a premix gain and a postmix room.
 KorvaSettings SomeSettings() {
@@ -100,7 +54,7 @@ KorvaSettings SomeSettings() {
 }
 
 // The payload that the two converters make of `settings` at 48000 Hz,
-// with the untouched areas still at kFill.
+// with the fade areas still at kFill.
 Payload Expected(const KorvaSettings& settings) {
   ConversionContext context;
   QVRCS_InitContext(context, 48000);
@@ -108,118 +62,82 @@ Payload Expected(const KorvaSettings& settings) {
   qvrcs::PostmixBlock postmix{};
   EXPECT_EQ(QVRCS_ConvertPremix(context, settings, premix, true), 0);
   EXPECT_EQ(QVRCS_ConvertPostmix(context, settings, postmix, true, {}), 0);
-  Payload payload(qvr::kCacheBlockSize, kFill);
+  Payload payload = kUntouched;
   std::copy(premix.begin(), premix.end(), payload.begin() + qvr::kPremixPayloadOffset);
   std::copy(postmix.begin(), postmix.end(), payload.begin() + qvr::kPostmixPayloadOffset);
   return payload;
 }
 
-TEST_F(TuningReaderTest, ConvertsTheFirstSettingsIntoBothPayloadRanges) {
-  const KorvaSettings settings = SomeSettings();
-  const std::string path = WriteTuning("good.qvrcs", TuningWith(settings));
+TEST_F(TuningReaderTest, ConvertsOnlyTheFirstSelectionIntoBothPayloadRanges) {
   Payload payload;
-  ASSERT_EQ(Read(path.c_str(), payload), 0);
-  EXPECT_EQ(log_, "");
-  EXPECT_EQ(payload, Expected(settings));
-  // The room's first coefficient, at its place in the postmix block.
+  ASSERT_EQ(Read(Write("good.qvrcs", TuningWith(SomeSettings()).SerializeAsString()).c_str(), payload), 0);
+  EXPECT_EQ(log_, Lines{});
+  EXPECT_EQ(payload, Expected(SomeSettings()));
   EXPECT_EQ(payload[qvr::kPostmixPayloadOffset + qvrcs::kMultichRoomSlot + qvrcs::kRoomCoefs], 11);
-}
 
-TEST_F(TuningReaderTest, OnlyTheFirstElementOfEachListAndOnlyKorvaV11AreRead) {
+  // Later workspaces, routes and technologies are never read.
   Qvrcs message = TuningWith(SomeSettings());
-  auto* first = message.mutable_workspace(0);
-  first->set_applyto(com::qvr::pb::wbn::AT_CURRENT);
   KorvaSettings other;
   other.mutable_premix()->set_stream_gain(99);
+  auto* first = message.mutable_workspace(0);
   *first->add_routeconfiguration()->add_tech()->mutable_korva_v1_1() = other;
   *first->mutable_routeconfiguration(0)->add_tech()->mutable_korva_v1_1() = other;
   *message.add_workspace()->add_routeconfiguration()->add_tech()->mutable_korva_v1_1() = other;
-  const std::string twoWorkspaces = WriteTuning("two.qvrcs", message);
-
-  Payload payload;
-  ASSERT_EQ(Read(twoWorkspaces.c_str(), payload), 0);
+  ASSERT_EQ(Read(Write("two.qvrcs", message.SerializeAsString()).c_str(), payload), 0);
   EXPECT_EQ(payload, Expected(SomeSettings()));
 
-  // A technology record with only the second settings version: the
-  // converters see default korva_v1_1 settings.
+  // Only the second settings version: the converters see default korva_v1_1 settings.
   Qvrcs secondVersion;
   auto* tech = secondVersion.add_workspace()->add_routeconfiguration()->add_tech();
   tech->mutable_korva()->mutable_premix()->set_stream_gain(5);
   tech->mutable_korva()->mutable_postmix()->set_postmix_gain(7);
-  const std::string korvaOnly = WriteTuning("korva-only.qvrcs", secondVersion);
-  ASSERT_EQ(Read(korvaOnly.c_str(), payload), 0);
+  ASSERT_EQ(Read(Write("korva-only.qvrcs", secondVersion.SerializeAsString()).c_str(), payload), 0);
   EXPECT_EQ(payload, Expected(KorvaSettings{}));
-}
-
-TEST_F(TuningReaderTest, ConversionFailureIsLoggedAndNothingIsCopied) {
-  KorvaSettings settings = SomeSettings();
-  settings.mutable_postmix()->add_frontroom()->set_uuid("nowhere");
-  const std::string path = WriteTuning("unknown-room.qvrcs", TuningWith(settings));
-
-  Payload payload;
-  EXPECT_EQ(Read(path.c_str(), payload), -4);
-  EXPECT_EQ(payload, Payload(qvr::kCacheBlockSize, kFill));
-  EXPECT_THAT(log_, HasSubstr(QVR_LOG_TAG));
-  EXPECT_THAT(log_, HasSubstr("Error: parsing Pre (res = 0) or Post (res = -999)\n"));
-  EXPECT_EQ(LineCount(log_), 1u);
 }
 
 TEST_F(TuningReaderTest, FilesThatDoNotParseAreNotReported) {
   const std::string valid = TuningWith(SomeSettings()).SerializeAsString();
-  const std::string truncated = valid.substr(0, valid.size() - 3);
-  const std::string garbage("\x00\xff\x13\x37 not a tuning file", 22);
-  for (const std::string& bytes : {truncated, garbage}) {
+  for (const std::string& bytes : {valid.substr(0, valid.size() - 3), std::string("\x00\xff\x13\x37 junk", 9)}) {
     ASSERT_FALSE(Qvrcs().ParseFromString(bytes));
-    const std::string path = Write("bad" + std::to_string(files_.size()), bytes);
     Payload payload;
-    EXPECT_EQ(Read(path.c_str(), payload), 0);
-    EXPECT_EQ(log_, "");
-    EXPECT_EQ(payload, Payload(qvr::kCacheBlockSize, kFill));
+    EXPECT_EQ(Read(Write("bad.qvrcs", bytes).c_str(), payload), 0);
+    EXPECT_EQ(log_, Lines{});
+    EXPECT_EQ(payload, kUntouched);
   }
 }
 
-TEST_F(TuningReaderTest, EmptySelectionListsFailWithALineNamingTheFile) {
-  Qvrcs noRoute;
+// Each failure returns -4, writes one log line and leaves the payload alone.
+TEST_F(TuningReaderTest, FailuresLogOneLineAndCopyNothing) {
+  KorvaSettings unknownRoom = SomeSettings();
+  unknownRoom.mutable_postmix()->add_frontroom()->set_uuid("nowhere");
+  Qvrcs noRoute, noTech;
   noRoute.add_workspace();
-  Qvrcs noTech;
   noTech.add_workspace()->add_routeconfiguration();
+  const std::string good = Write("good.qvrcs", TuningWith(SomeSettings()).SerializeAsString());
+  const std::string missing = Path("missing.qvrcs");
+
   struct Case {
-    std::string name;
-    std::string bytes;
-    const char* list;
+    std::string path;
+    bool nullPayload;
+    std::string line;
   } const cases[] = {
-      {"empty.qvrcs", "", "workspace"},  // an empty file parses as an empty Qvrcs
-      {"no-route.qvrcs", noRoute.SerializeAsString(), "routeConfiguration"},
-      {"no-tech.qvrcs", noTech.SerializeAsString(), "tech"},
+      {Write("unknown-room.qvrcs", TuningWith(unknownRoom).SerializeAsString()), false,
+       "Error: parsing Pre (res = 0) or Post (res = -999)"},
+      {Write("empty.qvrcs", ""), false, "Error: " + Path("empty.qvrcs") + " has no workspace"},
+      {Write("no-route.qvrcs", noRoute.SerializeAsString()), false,
+       "Error: " + Path("no-route.qvrcs") + " has no routeConfiguration in workspace 0"},
+      {Write("no-tech.qvrcs", noTech.SerializeAsString()), false, "Error: " + Path("no-tech.qvrcs") + " has no tech in routeConfiguration 0"},
+      {missing, false, "Error: could not open " + missing},
+      {"", false, "Error:  filename or outData is NULL"},  // a null file name
+      {good, true, "Error:  filename or outData is NULL"},
   };
   for (const Case& c : cases) {
-    const std::string path = Write(c.name, c.bytes);
+    SCOPED_TRACE(c.path);
     Payload payload;
-    EXPECT_EQ(Read(path.c_str(), payload), -4) << c.name;
-    EXPECT_THAT(log_, HasSubstr("Error: " + path + " has no " + c.list));
-    EXPECT_EQ(LineCount(log_), 1u) << log_;
-    EXPECT_EQ(payload, Payload(qvr::kCacheBlockSize, kFill));
+    EXPECT_EQ(Read(c.path.empty() ? nullptr : c.path.c_str(), payload, c.nullPayload), -4);
+    EXPECT_EQ(log_, Lines{c.line});
+    EXPECT_EQ(payload, kUntouched);
   }
-}
-
-TEST_F(TuningReaderTest, BadArgumentsAndMissingFiles) {
-  const std::string path = WriteTuning("good.qvrcs", TuningWith(SomeSettings()));
-  Payload payload;
-  EXPECT_EQ(Read(nullptr, payload), -4);
-  EXPECT_THAT(log_, HasSubstr("Error:  filename or outData is NULL\n"));
-  EXPECT_EQ(payload, Payload(qvr::kCacheBlockSize, kFill));
-
-  testing::internal::CaptureStderr();
-  EXPECT_EQ(QVRCS_GetPremixData(path.c_str(), nullptr), -4);
-  EXPECT_THAT(testing::internal::GetCapturedStderr(),
-              HasSubstr("Error:  filename or outData is NULL\n"));
-
-  const std::string missing = dir_ + "/missing.qvrcs";
-  EXPECT_EQ(Read(missing.c_str(), payload), -4);
-  EXPECT_THAT(log_, HasSubstr(std::string(QVR_LOG_TAG) + " I "));
-  EXPECT_THAT(log_, HasSubstr("Error: could not open " + missing + "\n"));
-  EXPECT_EQ(LineCount(log_), 1u);
-  EXPECT_EQ(payload, Payload(qvr::kCacheBlockSize, kFill));
 }
 
 }  // namespace
