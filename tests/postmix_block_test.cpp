@@ -1,46 +1,34 @@
 // The whole postmix block: template, fill order, the walk rules of rooms and
 // headphone EQ, the high-pass section, and what a failing step leaves behind.
-#include "postmix_support.h"
-#include "qvrcs/record_layout.h"
-#include "qvrcs/templates.h"
+#include <functional>
 
+#include "block_support.h"
+#include "qvrcs/record_layout.h"
+
+namespace block_test {
 namespace {
 
-using namespace postmix_test;
-using com::qvr::pb::korva_v1_1::KorvaSettings;
 using com::qvr::pb::korva_v1_1::Postmix;
 using com::qvr::pb::model::listeningModel;
 
 constexpr size_t kEnd = qvrcs::kPostmixBlockSize;
-
-// The template with the words that every conversion writes, whatever the
-// settings: the Velmo crossover and high-pass orders and the two Gorm sizes
-// (0 when their records are absent).
-qvrcs::PostmixBlock TemplateWithEmptyCoefSections() {
-  qvrcs::PostmixBlock expected = kPostmixTemplate;
-  const qvrcs::BlockView view{expected.data(), expected.size(), 0};
-  for (size_t word : {qvrcs::kVelmoXoverOrder, qvrcs::kVelmoHpfOrder, qvrcs::kGormSpeakerSize,
-                      qvrcs::kGormAnalysisSize}) {
-    qvrcs::StoreI32(view, word, 0);
-  }
-  return expected;
-}
+constexpr size_t kMultichCoefs = qvrcs::kMultichRoomSlot + qvrcs::kRoomCoefs;
+constexpr size_t kHpeqCoefs = qvrcs::kHeadphoneEqSlot + qvrcs::kHpeqCoefs;
 
 class PostmixBlockTest : public testing::Test {
- protected:
+ public:  // the case table below builds settings through these
   PostmixBlockTest() { QVRCS_InitContext(context_, kRate); }
 
   Postmix& postmix() { return *settings_.mutable_postmix(); }
   listeningModel& model() { return *postmix().mutable_model(); }
 
-  void AddRoom(listeningModel& into, const std::string& uuid, std::vector<int32_t> c16,
-               int32_t rate = kRate48k) {
+  static void AddRoom(listeningModel& into, const std::string& uuid, const std::vector<int32_t>& c16) {
     auto* room = into.add_rooms();
     room->set_uuid(uuid);
     room->set_numpairs(static_cast<uint32_t>(c16.size()));
-    AddTable16(room->mutable_coefftables(), rate, c16);
+    AddTable16(room->mutable_coefftables(), kRate48k, c16);
   }
-  void AddHeadphoneEq(const std::string& uuid, std::vector<int32_t> c16, int32_t rate) {
+  void AddHeadphoneEq(const std::string& uuid, const std::vector<int32_t>& c16, int32_t rate) {
     auto* eq = model().add_headphones();
     eq->set_uuid(uuid);
     eq->set_ihpirlength(static_cast<uint32_t>(c16.size()));
@@ -53,7 +41,7 @@ class PostmixBlockTest : public testing::Test {
     AddTable32(aeq->add_coefficient_table()->mutable_iircoefs(), rate1, {20, 21});
   }
 
-  int32_t Convert(Block& block, bool useTemplate = true, const ListeningModelList& models = {}) {
+  int32_t Convert(PostmixBytes& block, bool useTemplate = true, const ListeningModelList& models = {}) {
     return QVRCS_ConvertPostmix(context_, settings_, *block.bytes, useTemplate, models);
   }
 
@@ -61,35 +49,30 @@ class PostmixBlockTest : public testing::Test {
   KorvaSettings settings_;
 };
 
-// Control section as the control converter alone makes it from the template.
-qvrcs::PostmixBlock WithControls(const ConversionContext& context, const KorvaSettings& settings,
-                                 qvrcs::PostmixBlock block) {
-  QVRCS_ConvertPostmixControls(context, settings, {block.data(), block.size(), 0});
-  return block;
-}
-
-TEST_F(PostmixBlockTest, EmptySettingsGiveTheTemplate) {
-  Block block;  // junk before the conversion
+TEST_F(PostmixBlockTest, EmptySettingsGiveTheTemplateWithEmptyCoefficientSections) {
+  PostmixBytes block;  // junk before the conversion
   ASSERT_EQ(Convert(block), QVRCS_OK);
-  const qvrcs::PostmixBlock expected =
-      WithControls(context_, settings_, TemplateWithEmptyCoefSections());
+  // The control section as its converter alone makes it; the Velmo crossover
+  // and high-pass orders and the two Gorm sizes, 0 for absent records.
+  qvrcs::PostmixBlock expected = kPostmixTemplate;
+  const qvrcs::BlockView view{expected.data(), expected.size(), 0};
+  QVRCS_ConvertPostmixControls(context_, settings_, view);
+  for (size_t word : {qvrcs::kVelmoXoverOrder, qvrcs::kVelmoHpfOrder, qvrcs::kGormSpeakerSize,
+                      qvrcs::kGormAnalysisSize}) {
+    qvrcs::StoreI32(view, word, 0);
+  }
   EXPECT_TRUE(SameBytes(*block.bytes, expected, 0, kEnd));
-  // And the template's fixed words and Gorm coefficients are really there.
-  EXPECT_TRUE(WordsAre(block, qvrcs::kPostmixFixedWords, {3000, 9540, 5000, 5000}));
-  EXPECT_EQ(block.I32(qvrcs::kAeqRecord), 24);
-  EXPECT_EQ(block.I32(qvrcs::kGormCoefs), 2814040);
-}
 
-TEST_F(PostmixBlockTest, WithoutTemplateTheCallersBytesAreTheBase) {
-  Block block(0x5A);
-  ASSERT_EQ(Convert(block, false), QVRCS_OK);
-  EXPECT_TRUE(AllBytes(block, qvrcs::kPostmixFixedWords, qvrcs::kVelmoHpfOrder, 0x5A));
-  EXPECT_TRUE(WordsAre(block, qvrcs::kVelmoHpfOrder, {0}));
-  EXPECT_TRUE(AllBytes(block, qvrcs::kVelmoHpfCoefs, qvrcs::kVelmoXoverOrder, 0x5A));
-  EXPECT_TRUE(WordsAre(block, qvrcs::kVelmoXoverOrder, {0}));
-  EXPECT_TRUE(AllBytes(block, qvrcs::kVelmoXoverLpfCoefs, qvrcs::kGormSpeakerSize, 0x5A));
-  EXPECT_TRUE(WordsAre(block, qvrcs::kGormSpeakerSize, {0, 0}));
-  EXPECT_TRUE(AllBytes(block, qvrcs::kGormCoefs, kEnd, 0x5A));
+  // Without the template the caller's bytes are the base.
+  PostmixBytes callers;
+  ASSERT_EQ(Convert(callers, false), QVRCS_OK);
+  EXPECT_TRUE(AllBytes(callers, qvrcs::kPostmixFixedWords, qvrcs::kVelmoHpfOrder, kFill));
+  EXPECT_TRUE(WordsAre(callers, qvrcs::kVelmoHpfOrder, {0}));
+  EXPECT_TRUE(AllBytes(callers, qvrcs::kVelmoHpfCoefs, qvrcs::kVelmoXoverOrder, kFill));
+  EXPECT_TRUE(WordsAre(callers, qvrcs::kVelmoXoverOrder, {0}));
+  EXPECT_TRUE(AllBytes(callers, qvrcs::kVelmoXoverLpfCoefs, qvrcs::kGormSpeakerSize, kFill));
+  EXPECT_TRUE(WordsAre(callers, qvrcs::kGormSpeakerSize, {0, 0}));
+  EXPECT_TRUE(AllBytes(callers, qvrcs::kGormCoefs, kEnd, kFill));
 }
 
 TEST_F(PostmixBlockTest, EverySectionFromOneSettingsRecord) {
@@ -114,20 +97,19 @@ TEST_F(PostmixBlockTest, EverySectionFromOneSettingsRecord) {
   postmix().mutable_gorm_coef()->set_analysis_size(6);
   AddTable32(postmix().mutable_gorm_coef()->mutable_coeffs(), kRate48k, {51});
 
-  Block block;
+  PostmixBytes block;
   ASSERT_EQ(Convert(block), QVRCS_OK);
-  EXPECT_TRUE(WordsAre(block, qvrcs::kPostmixFixedWords, {3000, 9540, 5000, 5000}));
+  EXPECT_TRUE(SameBytes(*block.bytes, kPostmixTemplate, qvrcs::kPostmixFixedWords, qvrcs::kMultichRoomSlot));
   EXPECT_EQ(block.I32(qvrcs::kMultichRoomSlot + qvrcs::kRoomNumPairs), 100);
-  EXPECT_TRUE(HalfWordsAre(block, qvrcs::kMultichRoomSlot + qvrcs::kRoomCoefs, Ramp(100, 1)));
+  EXPECT_TRUE(HalfWordsAre(block, kMultichCoefs, Ramp(100, 1)));
   EXPECT_TRUE(HalfWordsAre(block, qvrcs::kFrontRoomSlot + qvrcs::kRoomCoefs, Ramp(50, 2000)));
   EXPECT_TRUE(HalfWordsAre(block, qvrcs::kWideRoomSlot + qvrcs::kRoomCoefs, Ramp(60, 3000)));
   EXPECT_TRUE(WordsAre(block, qvrcs::kHeadphoneEqSlot + qvrcs::kHpeqSampleRate, {48000, 10}));
-  EXPECT_TRUE(HalfWordsAre(block, qvrcs::kHeadphoneEqSlot + qvrcs::kHpeqCoefs, Ramp(10, 4000)));
+  EXPECT_TRUE(HalfWordsAre(block, kHpeqCoefs, Ramp(10, 4000)));
   EXPECT_TRUE(WordsAre(block, qvrcs::kHpfOrder, {2}));
   EXPECT_TRUE(WordsAre(block, qvrcs::kHpfCoefs, Ramp(20, -7)));
   EXPECT_TRUE(WordsAre(block, qvrcs::kAeqRecord, {24, -1, 10, 11, 0}));
-  EXPECT_TRUE(
-      WordsAre(block, qvrcs::kAeqRecord + 4 * qvrcs::kAeqChannelWords, {24, -1, 20, 21, 0}));
+  EXPECT_TRUE(WordsAre(block, qvrcs::kAeqRecord + qvrcs::kAeqChannel1, {24, -1, 20, 21, 0}));
   EXPECT_TRUE(WordsAre(block, qvrcs::kVelmoHpfOrder, {4}));
   EXPECT_TRUE(HalfWordsAre(block, qvrcs::kVelmoHpfCoefs, {41, 42, 0}));
   EXPECT_TRUE(WordsAre(block, qvrcs::kVelmoXoverOrder, {3}));
@@ -137,121 +119,131 @@ TEST_F(PostmixBlockTest, EverySectionFromOneSettingsRecord) {
   EXPECT_TRUE(SameBytes(*block.bytes, kPostmixTemplate, qvrcs::kGormCoefs + 4, kEnd));
 }
 
-TEST_F(PostmixBlockTest, RoomWalkKeepsTheLastSuccessAndStopsAtTheFirstFailure) {
+// The sections are filled in block order and the first failure ends the
+// conversion: what was loaded stays, every later section keeps the template.
+TEST_F(PostmixBlockTest, FirstFailureEndsTheConversionInFillOrder) {
+  struct Case {
+    const char* name;
+    std::function<void(PostmixBlockTest&)> setUp;
+    int32_t status;
+    size_t templateFrom;                          // the template from here to the block's end
+    std::function<void(const PostmixBytes&)> loaded;  // what the steps before the failure left
+  };
+  const auto multichLoaded = [](const PostmixBytes& b) { EXPECT_TRUE(HalfWordsAre(b, kMultichCoefs, {2, 2})); };
+  const std::vector<Case> cases = {
+      {"control section",
+       [](PostmixBlockTest& t) {
+         t.postmix().mutable_enhance2()->add_ref_htest(-1);
+         AddRoom(t.model(), "a", {1});
+         t.postmix().add_multichroom()->set_uuid("a");
+       },
+       QVRCS_ERR_NEGATIVE_REF_HTEST, qvrcs::kPostmixControlSize, [](const PostmixBytes&) {}},
+      {"unknown multichannel room after a loaded one",
+       [](PostmixBlockTest& t) {
+         AddRoom(t.model(), "b", {2, 2});
+         t.postmix().add_multichroom()->set_uuid("b");
+         t.postmix().add_multichroom()->set_uuid("unknown");
+       },
+       QVRCS_ERR_UNKNOWN_ROOM, qvrcs::kFrontRoomSlot, multichLoaded},
+      {"front room too large for its slot",
+       [](PostmixBlockTest& t) {
+         AddRoom(t.model(), "b", {2, 2});
+         AddRoom(t.model(), "big", Ramp(6151, 0));
+         t.postmix().add_multichroom()->set_uuid("b");
+         t.postmix().add_frontroom()->set_uuid("big");
+         t.postmix().add_wideroom()->set_uuid("b");
+       },
+       QVRCS_ERR_RECORD_TOO_LARGE, qvrcs::kFrontRoomSlot, multichLoaded},
+      {"last headphone EQ without a table, after one that loads",
+       [](PostmixBlockTest& t) {
+         t.AddHeadphoneEq("good", {1, 2, 3}, kRate48k);
+         t.AddHeadphoneEq("no-table", {9, 9}, kRate44k);
+         t.postmix().add_hpeqcoef()->set_uuid("good");
+         t.postmix().add_hpeqcoef()->set_uuid("no-table");
+       },
+       QVRCS_ERR_NO_COEF_TABLE, qvrcs::kHpfOrder,
+       [](const PostmixBytes& b) { EXPECT_TRUE(HalfWordsAre(b, kHpeqCoefs, {1, 2, 3})); }},
+      {"AEQ bank without a table",
+       [](PostmixBlockTest& t) {
+         t.AddAeq("aeq", kRate44k, kRate48k);
+         t.postmix().add_aeqcoef()->set_uuid("aeq");
+       },
+       QVRCS_ERR_NO_COEF_TABLE, qvrcs::kVelmoHpfOrder,
+       [](const PostmixBytes& b) {
+         EXPECT_TRUE(WordsAre(b, qvrcs::kAeqRecord, {24, -1, 0, 0}));
+         EXPECT_TRUE(WordsAre(b, qvrcs::kAeqRecord + qvrcs::kAeqChannel1, {24, -1, 20, 21, 0}));
+       }},
+      {"Velmo high-pass without a table: after the crossover, before Gorm",
+       [](PostmixBlockTest& t) {
+         t.postmix().mutable_velmo_xover_coef()->set_order(3);
+         AddTable16(t.postmix().mutable_velmo_xover_coef()->mutable_lpf_coeffs(), kRate48k, {31});
+         t.postmix().mutable_velmo_hpf_coef()->set_order(2);
+         AddTable16(t.postmix().mutable_velmo_hpf_coef()->mutable_hpf_coeffs(), kRate44k, {1});
+       },
+       QVRCS_ERR_NO_COEF_TABLE, qvrcs::kGormSpeakerSize,
+       [](const PostmixBytes& b) {
+         EXPECT_TRUE(WordsAre(b, qvrcs::kVelmoHpfOrder, {2}));
+         EXPECT_TRUE(WordsAre(b, qvrcs::kVelmoXoverOrder, {3}));
+         EXPECT_EQ(b.U16(qvrcs::kVelmoXoverLpfCoefs), 31);
+       }},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    settings_.Clear();
+    c.setUp(*this);
+    // Later sections that would load if the conversion went on.
+    postmix().mutable_velmo_xover_coef()->set_order(3);
+    postmix().mutable_gorm_coef()->set_speaker_size(5);
+    PostmixBytes block;
+    EXPECT_EQ(Convert(block), c.status);
+    c.loaded(block);
+    EXPECT_TRUE(SameBytes(*block.bytes, kPostmixTemplate, c.templateFrom, kEnd));
+  }
+}
+
+TEST_F(PostmixBlockTest, WalksKeepTheLastLoadedRoomAndCountOnlyTheLastHeadphoneEq) {
   AddRoom(model(), "a", {1, 1});
   AddRoom(model(), "b", {2, 2});
-  AddRoom(model(), "big", Ramp(6151, 0));
   postmix().add_multichroom()->set_uuid("a");
   postmix().add_multichroom();  // no uuid: nothing to load, the walk goes on
   postmix().add_multichroom()->set_uuid("b");
-  postmix().add_frontroom()->set_uuid("a");
-  postmix().add_wideroom()->set_uuid("a");
-
-  Block block;
-  ASSERT_EQ(Convert(block), QVRCS_OK);
-  EXPECT_TRUE(HalfWordsAre(block, qvrcs::kMultichRoomSlot + qvrcs::kRoomCoefs, {2, 2}));
-
-  // An unknown room after a loaded one: -999, the loaded room stays, and
-  // everything after the multichannel room keeps the template.
-  postmix().add_multichroom()->set_uuid("unknown");
-  Block unknown;
-  EXPECT_EQ(Convert(unknown), QVRCS_ERR_UNKNOWN_ROOM);
-  EXPECT_TRUE(HalfWordsAre(unknown, qvrcs::kMultichRoomSlot + qvrcs::kRoomCoefs, {2, 2}));
-  EXPECT_TRUE(SameBytes(*unknown.bytes, kPostmixTemplate, qvrcs::kFrontRoomSlot, kEnd));
-
-  // A front room too large for its slot: -997, the wide room is not loaded.
-  postmix().mutable_multichroom()->RemoveLast();
-  postmix().mutable_frontroom(0)->set_uuid("big");
-  Block tooLarge;
-  EXPECT_EQ(Convert(tooLarge), QVRCS_ERR_RECORD_TOO_LARGE);
-  EXPECT_TRUE(HalfWordsAre(tooLarge, qvrcs::kMultichRoomSlot + qvrcs::kRoomCoefs, {2, 2}));
-  EXPECT_TRUE(SameBytes(*tooLarge.bytes, kPostmixTemplate, qvrcs::kFrontRoomSlot, kEnd));
-}
-
-TEST_F(PostmixBlockTest, HeadphoneEqWalkCountsOnlyTheLastEntry) {
   AddHeadphoneEq("no-table", {9, 9}, kRate44k);
   AddHeadphoneEq("good", {1, 2, 3}, kRate48k);
-
   postmix().add_hpeqcoef()->set_uuid("no-table");
   postmix().add_hpeqcoef()->set_uuid("good");
-  Block failThenGood;
-  EXPECT_EQ(Convert(failThenGood), QVRCS_OK);
-  EXPECT_TRUE(HalfWordsAre(failThenGood, qvrcs::kHeadphoneEqSlot + qvrcs::kHpeqCoefs, {1, 2, 3}));
-
-  postmix().mutable_hpeqcoef()->SwapElements(0, 1);
-  Block goodThenFail;
-  EXPECT_EQ(Convert(goodThenFail), QVRCS_ERR_NO_COEF_TABLE);
-  EXPECT_TRUE(HalfWordsAre(goodThenFail, qvrcs::kHeadphoneEqSlot + qvrcs::kHpeqCoefs, {1, 2, 3}));
-  EXPECT_TRUE(SameBytes(*goodThenFail.bytes, kPostmixTemplate, qvrcs::kHpfOrder, kEnd));
+  PostmixBytes block;
+  EXPECT_EQ(Convert(block), QVRCS_OK);
+  EXPECT_TRUE(HalfWordsAre(block, kMultichCoefs, {2, 2}));
+  EXPECT_TRUE(HalfWordsAre(block, kHpeqCoefs, {1, 2, 3}));
 
   // An unknown headphone EQ last is nothing to load, not a failure.
   postmix().add_hpeqcoef()->set_uuid("unknown");
-  Block unknownLast;
+  PostmixBytes unknownLast;
   EXPECT_EQ(Convert(unknownLast), QVRCS_OK);
 }
 
-TEST_F(PostmixBlockTest, HighPassFilterSection) {
+TEST_F(PostmixBlockTest, HighPassTakesTheFirstMatchOnlyIfItFits) {
   auto* hpf = postmix().mutable_hpf_coef();
   AddTable32(hpf->mutable_coeffs(), std::nullopt, Ramp(4, 900));  // no rate: no match
   AddTable32(hpf->mutable_coeffs(), kRate48k, Ramp(21, 100));     // first match, too long
   AddTable32(hpf->mutable_coeffs(), kRate48k, Ramp(4, 200));      // never reached
 
   // Not an error; the order is stored only when set.
-  Block tooLong(0x5A);
+  PostmixBytes tooLong;
   EXPECT_EQ(Convert(tooLong, false), QVRCS_OK);
-  EXPECT_TRUE(AllBytes(tooLong, qvrcs::kHpfOrder, qvrcs::kAeqRecord, 0x5A));
+  EXPECT_TRUE(AllBytes(tooLong, qvrcs::kHpfOrder, qvrcs::kAeqRecord, kFill));
   hpf->set_order(-3);
-  Block withOrder(0x5A);
+  PostmixBytes withOrder;
   EXPECT_EQ(Convert(withOrder, false), QVRCS_OK);
   EXPECT_EQ(withOrder.I32(qvrcs::kHpfOrder), -3);
-  EXPECT_TRUE(AllBytes(withOrder, qvrcs::kHpfCoefs, qvrcs::kAeqRecord, 0x5A));
+  EXPECT_TRUE(AllBytes(withOrder, qvrcs::kHpfCoefs, qvrcs::kAeqRecord, kFill));
 
   // A fitting first match is copied; fewer than 20 values leave the rest.
   hpf->mutable_coeffs()->SwapElements(1, 2);
-  Block fits(0x5A);
+  PostmixBytes fits;
   EXPECT_EQ(Convert(fits, false), QVRCS_OK);
   EXPECT_TRUE(WordsAre(fits, qvrcs::kHpfCoefs, Ramp(4, 200)));
-  EXPECT_TRUE(AllBytes(fits, qvrcs::kHpfCoefs + 16, qvrcs::kAeqRecord, 0x5A));
-}
-
-TEST_F(PostmixBlockTest, AeqFailureLeavesItsPartialRecordAndTheTemplateAfter) {
-  AddAeq("aeq", kRate44k, kRate48k);
-  postmix().add_aeqcoef()->set_uuid("aeq");
-  postmix().mutable_velmo_xover_coef()->set_order(3);
-  postmix().mutable_gorm_coef()->set_speaker_size(5);
-
-  Block block;
-  EXPECT_EQ(Convert(block), QVRCS_ERR_NO_COEF_TABLE);
-  EXPECT_TRUE(WordsAre(block, qvrcs::kAeqRecord, {24, -1, 0, 0}));
-  EXPECT_TRUE(
-      WordsAre(block, qvrcs::kAeqRecord + 4 * qvrcs::kAeqChannelWords, {24, -1, 20, 21, 0}));
-  EXPECT_TRUE(SameBytes(*block.bytes, kPostmixTemplate, qvrcs::kVelmoHpfOrder, kEnd));
-}
-
-TEST_F(PostmixBlockTest, VelmoHighPassFailureAfterTheCrossoverBeforeGorm) {
-  postmix().mutable_velmo_xover_coef()->set_order(3);
-  AddTable16(postmix().mutable_velmo_xover_coef()->mutable_lpf_coeffs(), kRate48k, {31});
-  postmix().mutable_velmo_hpf_coef()->set_order(2);
-  AddTable16(postmix().mutable_velmo_hpf_coef()->mutable_hpf_coeffs(), kRate44k, {1});
-  postmix().mutable_gorm_coef()->set_speaker_size(5);
-
-  Block block;
-  EXPECT_EQ(Convert(block), QVRCS_ERR_NO_COEF_TABLE);
-  EXPECT_EQ(block.I32(qvrcs::kVelmoHpfOrder), 2);
-  EXPECT_EQ(block.I32(qvrcs::kVelmoXoverOrder), 3);
-  EXPECT_EQ(block.U16(qvrcs::kVelmoXoverLpfCoefs), 31);
-  EXPECT_TRUE(SameBytes(*block.bytes, kPostmixTemplate, qvrcs::kGormSpeakerSize, kEnd));
-}
-
-TEST_F(PostmixBlockTest, ControlSectionFailureEndsBeforeAnyOtherSection) {
-  postmix().mutable_enhance2()->add_ref_htest(-1);
-  AddRoom(model(), "a", {1});
-  postmix().add_multichroom()->set_uuid("a");
-  postmix().mutable_gorm_coef()->set_speaker_size(5);
-
-  Block block;
-  EXPECT_EQ(Convert(block), QVRCS_ERR_NEGATIVE_REF_HTEST);
-  EXPECT_TRUE(SameBytes(*block.bytes, kPostmixTemplate, qvrcs::kPostmixControlSize, kEnd));
+  EXPECT_TRUE(AllBytes(fits, qvrcs::kHpfCoefs + 16, qvrcs::kAeqRecord, kFill));
 }
 
 TEST_F(PostmixBlockTest, CallersModelsAreSearchedBeforeThePostmixModel) {
@@ -260,24 +252,25 @@ TEST_F(PostmixBlockTest, CallersModelsAreSearchedBeforeThePostmixModel) {
   postmix().add_multichroom()->set_uuid("shared");
   postmix().add_frontroom()->set_uuid("own");
 
-  Block ownOnly;
+  PostmixBytes ownOnly;
   ASSERT_EQ(Convert(ownOnly), QVRCS_OK);
-  EXPECT_EQ(ownOnly.U16(qvrcs::kMultichRoomSlot + qvrcs::kRoomCoefs), 1);
+  EXPECT_EQ(ownOnly.U16(kMultichCoefs), 1);
   EXPECT_EQ(ownOnly.U16(qvrcs::kFrontRoomSlot + qvrcs::kRoomCoefs), 2);
 
   listeningModel callers;
   AddRoom(callers, "SHARED", {3});
   const ListeningModelList models = {callers};
-  Block both;
+  PostmixBytes both;
   ASSERT_EQ(Convert(both, true, models), QVRCS_OK);
-  EXPECT_EQ(both.U16(qvrcs::kMultichRoomSlot + qvrcs::kRoomCoefs), 3);
+  EXPECT_EQ(both.U16(kMultichCoefs), 3);
   EXPECT_EQ(both.U16(qvrcs::kFrontRoomSlot + qvrcs::kRoomCoefs), 2);
   EXPECT_EQ(models.size(), 1u);
 
   // Without a model of its own, the postmix sees the caller's list only.
   postmix().clear_model();
-  Block callersOnly;
+  PostmixBytes callersOnly;
   EXPECT_EQ(Convert(callersOnly, true, models), QVRCS_ERR_UNKNOWN_ROOM);
 }
 
 }  // namespace
+}  // namespace block_test

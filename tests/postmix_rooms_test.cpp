@@ -1,10 +1,11 @@
 // Rooms and headphone equalisers: uuid packing and matching, the record
 // layouts, the statuses, slot capacities and the block's end.
-#include "postmix_support.h"
+#include "block_support.h"
 
+namespace block_test {
 namespace {
 
-using namespace postmix_test;
+using Block = PostmixBytes;
 using com::qvr::pb::model::headphoneEq;
 using com::qvr::pb::model::listeningModel;
 using com::qvr::pb::model::roomModel;
@@ -14,7 +15,7 @@ constexpr char kLowerUuid[] = "abcdef00-1111-2222-3333-444455556666";
 const std::vector<uint8_t> kPackedUuid = {0xAB, 0xCD, 0xEF, 0x00, 0x11, 0x11, 0x22, 0x22,
                                           0x33, 0x33, 0x44, 0x44, 0x55, 0x55, 0x66, 0x66};
 
-std::vector<uint8_t> Bytes(const Block& block, size_t from, size_t count) {
+std::vector<uint8_t> Range(const Block& block, size_t from, size_t count) {
   return std::vector<uint8_t>(block.bytes->begin() + static_cast<long>(from),
                               block.bytes->begin() + static_cast<long>(from + count));
 }
@@ -37,38 +38,27 @@ headphoneEq* AddHeadphoneEq(listeningModel* model, const std::string& uuid, uint
 
 // ---- UUID packing and matching -----------------------------------------------
 
-TEST(Uuid, PacksHexPairsInTextOrderEitherCase) {
-  // Any non-digit separates, not only the dash.
-  for (const char* text : {kUpperUuid, kLowerUuid, "abcdef00:1111 2222_3333{444455556666"}) {
-    Block block(0xEE);
-    EXPECT_TRUE(QVRCS_PackUuid(text, block.View().At(100)));
-    EXPECT_EQ(Bytes(block, 100, 16), kPackedUuid) << text;
-    EXPECT_EQ(block[99], 0xEE);
-    EXPECT_EQ(block[116], 0xEE);
-  }
-}
-
-TEST(Uuid, MalformedTextLeavesTrailingZeros) {
-  struct Case {
-    std::string text;
-    size_t packed;  // leading bytes of kPackedUuid that come out
-  };
-  const Case cases[] = {
+// 36 characters of hex pairs in text order, either case, any non-digit as a
+// separator; anything else packs the pairs before the fault and zeros after.
+TEST(Uuid, PacksHexPairsInTextOrderOrLeavesTrailingZeros) {
+  const std::pair<std::string, size_t> cases[] = {
+      {kUpperUuid, 16},
+      {kLowerUuid, 16},
+      {"abcdef00:1111 2222_3333{444455556666", 16},
       {"abcdef00111122223333444455556666", 0},  // 32 characters: not packed at all
       {std::string(kLowerUuid) + "0", 0},       // 37 characters
       {"", 0},
       {"abcdef00-1111-2222-3333-4-4455556666", 10},  // a lone digit ends the scan
       {"a-bcdef0-1111-2222-3333-444455556666", 0},
   };
-  for (const Case& c : cases) {
+  for (const auto& [text, packed] : cases) {
     Block block(0xEE);
-    const bool complete = QVRCS_PackUuid(c.text, block.View());
+    EXPECT_EQ(QVRCS_PackUuid(text, block.View().At(100)), packed == 16) << text;
     std::vector<uint8_t> expected(16, 0);
-    std::copy(kPackedUuid.begin(), kPackedUuid.begin() + static_cast<long>(c.packed),
-              expected.begin());
-    EXPECT_FALSE(complete) << c.text;
-    EXPECT_EQ(Bytes(block, 0, 16), expected) << c.text;
-    EXPECT_EQ(block[16], 0xEE);
+    std::copy(kPackedUuid.begin(), kPackedUuid.begin() + static_cast<long>(packed), expected.begin());
+    EXPECT_EQ(Range(block, 100, 16), expected) << text;
+    EXPECT_EQ(block[99], 0xEE);
+    EXPECT_EQ(block[116], 0xEE);
   }
 }
 
@@ -76,13 +66,12 @@ TEST(Uuid, MatchingIgnoresAsciiLetterCaseOnly) {
   EXPECT_TRUE(QVRCS_UuidEqualsIgnoreCase(kUpperUuid, kLowerUuid));
   EXPECT_TRUE(QVRCS_UuidEqualsIgnoreCase("", ""));
   EXPECT_TRUE(QVRCS_UuidEqualsIgnoreCase("Room-1", "rOOM-1"));
-  EXPECT_FALSE(QVRCS_UuidEqualsIgnoreCase("room", "room "));
-  EXPECT_FALSE(QVRCS_UuidEqualsIgnoreCase("room", "roon"));
-  // Case folding is for letters: '@' and '`' differ by the case bit but are
-  // not letters; bytes above 127 are compared as they are.
-  EXPECT_FALSE(QVRCS_UuidEqualsIgnoreCase("@", "`"));
-  EXPECT_FALSE(QVRCS_UuidEqualsIgnoreCase("[", "{"));
-  EXPECT_FALSE(QVRCS_UuidEqualsIgnoreCase("\xC0", "\xE0"));
+  // Not a letter: '@' and '`' differ by the case bit only; bytes above 127
+  // are compared as they are.
+  for (const auto& [a, b] : {std::pair{"room", "room "}, std::pair{"room", "roon"}, std::pair{"@", "`"},
+                             std::pair{"[", "{"}, std::pair{"\xC0", "\xE0"}}) {
+    EXPECT_FALSE(QVRCS_UuidEqualsIgnoreCase(a, b)) << a << " " << b;
+  }
 }
 
 // ---- Rooms -------------------------------------------------------------------
@@ -117,7 +106,7 @@ TEST(Room, RecordLayout) {
       1,    0,    0xFF, 0xFF, 0x70, 0x11, 0xFF, 0x7F,  // 1, -1, 70000 -> 4464, 32767
   };
   expected.insert(expected.end(), rest.begin(), rest.end());
-  EXPECT_EQ(Bytes(block, slot, expected.size()), expected);
+  EXPECT_EQ(Range(block, slot, expected.size()), expected);
   EXPECT_TRUE(AllBytes(block, 0, slot, kFill));
   EXPECT_TRUE(AllBytes(block, slot + expected.size(), qvrcs::kPostmixBlockSize, kFill));
 }
@@ -131,22 +120,14 @@ TEST(Room, StatusesLeaveTheSlotUntouched) {
   AddRoom(&model, "empty-16", {})->mutable_coefftables(0)->add_coeff_32(3);
   AddRoom(&model, "fine", {1});
 
-  struct Case {
-    const char* uuid;
-    int32_t status;
-  } const cases[] = {
-      {"", QVRCS_NOTHING_TO_LOAD},
-      {"unknown", QVRCS_ERR_UNKNOWN_ROOM},
-      {"other-rate", QVRCS_ERR_NO_COEF_TABLE},
-      {"EMPTY-16", QVRCS_ERR_NO_COEF_TABLE},
-  };
-  for (const Case& c : cases) {
+  for (const auto& [uuid, status] : {std::pair{"", QVRCS_NOTHING_TO_LOAD}, std::pair{"unknown", QVRCS_ERR_UNKNOWN_ROOM},
+                                     std::pair{"other-rate", QVRCS_ERR_NO_COEF_TABLE},
+                                     std::pair{"EMPTY-16", QVRCS_ERR_NO_COEF_TABLE}}) {
     Block block;
-    EXPECT_EQ(QVRCS_LoadRoom(c.uuid, {model}, block.View().At(qvrcs::kMultichRoomSlot),
-                             qvrcs::kMultichRoomCapacity, kRate),
-              c.status)
-        << c.uuid;
-    EXPECT_TRUE(AllBytes(block, 0, qvrcs::kPostmixBlockSize, kFill)) << c.uuid;
+    EXPECT_EQ(QVRCS_LoadRoom(uuid, {model}, block.View().At(qvrcs::kMultichRoomSlot), qvrcs::kMultichRoomCapacity, kRate),
+              status)
+        << uuid;
+    EXPECT_TRUE(AllBytes(block, 0, qvrcs::kPostmixBlockSize, kFill)) << uuid;
   }
   // An empty list of models knows no room at all.
   Block block;
@@ -160,28 +141,18 @@ TEST(Room, CapacityLimitsTheCoefficientCount) {
   AddRoom(&model, "front-over", Ramp(6151, 0));
   AddRoom(&model, "multi-max", Ramp(16400, 7));
   AddRoom(&model, "multi-over", Ramp(16401, 0));
-
-  Block fits;
-  EXPECT_EQ(QVRCS_LoadRoom("front-max", {model}, fits.View().At(qvrcs::kFrontRoomSlot),
-                           qvrcs::kFrontRoomCapacity, kRate),
-            QVRCS_OK);
-  EXPECT_TRUE(HalfWordsAre(fits, qvrcs::kFrontRoomSlot + 40, Ramp(6150, -3000)));
-  EXPECT_TRUE(AllBytes(fits, qvrcs::kWideRoomSlot, qvrcs::kPostmixBlockSize, kFill));
-
-  Block multi;
-  EXPECT_EQ(QVRCS_LoadRoom("multi-max", {model}, multi.View().At(qvrcs::kMultichRoomSlot),
-                           qvrcs::kMultichRoomCapacity, kRate),
-            QVRCS_OK);
-  EXPECT_TRUE(HalfWordsAre(multi, qvrcs::kMultichRoomSlot + 40, Ramp(16400, 7)));
-  EXPECT_TRUE(AllBytes(multi, qvrcs::kFrontRoomSlot, qvrcs::kPostmixBlockSize, kFill));
-
-  for (const auto& [uuid, slot, capacity] :
-       {std::tuple{"front-over", qvrcs::kFrontRoomSlot, qvrcs::kFrontRoomCapacity},
-        std::tuple{"multi-over", qvrcs::kMultichRoomSlot, qvrcs::kMultichRoomCapacity}}) {
-    Block block;
-    EXPECT_EQ(QVRCS_LoadRoom(uuid, {model}, block.View().At(slot), capacity, kRate),
+  for (const auto& [prefix, slot, capacity, values] :
+       {std::tuple{"front", qvrcs::kFrontRoomSlot, qvrcs::kFrontRoomCapacity, Ramp(6150, -3000)},
+        std::tuple{"multi", qvrcs::kMultichRoomSlot, qvrcs::kMultichRoomCapacity, Ramp(16400, 7)}}) {
+    SCOPED_TRACE(prefix);
+    Block fits;
+    EXPECT_EQ(QVRCS_LoadRoom(std::string(prefix) + "-max", {model}, fits.View().At(slot), capacity, kRate), QVRCS_OK);
+    EXPECT_TRUE(HalfWordsAre(fits, slot + 40, values));
+    EXPECT_TRUE(AllBytes(fits, slot + capacity, qvrcs::kPostmixBlockSize, kFill));
+    Block over;
+    EXPECT_EQ(QVRCS_LoadRoom(std::string(prefix) + "-over", {model}, over.View().At(slot), capacity, kRate),
               QVRCS_ERR_RECORD_TOO_LARGE);
-    EXPECT_TRUE(AllBytes(block, 0, qvrcs::kPostmixBlockSize, kFill)) << uuid;
+    EXPECT_TRUE(AllBytes(over, 0, qvrcs::kPostmixBlockSize, kFill));
   }
 }
 
@@ -203,90 +174,75 @@ TEST(Room, EarlierModelWinsAndLaterModelsAreSearched) {
 
 // ---- Headphone equaliser -----------------------------------------------------
 
+// Longer than 128 taps per channel: length 128, c0 c1, then the first 128
+// taps of each channel half of the table, missing values read as zero.
 TEST(HeadphoneEq, LongFormKeepsTheFirst128TapsOfEachHalf) {
   listeningModel model;
   const std::vector<int32_t> values = Ramp(514, 1000);
   AddHeadphoneEq(&model, kLowerUuid, 256, values);
+  AddHeadphoneEq(&model, "short-table", 200, Ramp(10, 1));  // c0 c1 | 3..6 | 7..10
 
   Block block;
   const size_t slot = qvrcs::kHeadphoneEqSlot;
-  ASSERT_EQ(QVRCS_LoadHeadphoneEq(kUpperUuid, {model}, block.View().At(slot),
-                                  qvrcs::kHeadphoneEqCapacity, kRate),
+  ASSERT_EQ(QVRCS_LoadHeadphoneEq(kUpperUuid, {model}, block.View().At(slot), qvrcs::kHeadphoneEqCapacity, kRate),
             QVRCS_OK);
-  EXPECT_EQ(Bytes(block, slot, 16), kPackedUuid);
-  EXPECT_EQ(block.I32(slot + 16), 48000);
-  EXPECT_EQ(block.I32(slot + 20), 128);
+  EXPECT_EQ(Range(block, slot, 16), kPackedUuid);
+  EXPECT_TRUE(WordsAre(block, slot + 16, {48000, 128}));
   EXPECT_TRUE(HalfWordsAre(block, slot + 24, {1000, 1001}));
   EXPECT_TRUE(HalfWordsAre(block, slot + 28, Slice(values, 2, 128)));
   EXPECT_TRUE(HalfWordsAre(block, slot + 28 + 256, Slice(values, 258, 128)));
   // The record fills the 540-byte slot exactly.
   EXPECT_TRUE(AllBytes(block, 0, slot, kFill));
   EXPECT_TRUE(AllBytes(block, slot + qvrcs::kHeadphoneEqCapacity, qvrcs::kPostmixBlockSize, kFill));
-}
 
-TEST(HeadphoneEq, LongFormReadsMissingValuesAsZero) {
-  listeningModel model;
-  AddHeadphoneEq(&model, "short-table", 200, Ramp(10, 1));  // c0 c1 | 3..6 | 7..10
-
-  Block block;
-  ASSERT_EQ(QVRCS_LoadHeadphoneEq("short-table", {model}, block.View(), qvrcs::kHeadphoneEqCapacity,
-                                  kRate),
+  Block shortTable;
+  ASSERT_EQ(QVRCS_LoadHeadphoneEq("short-table", {model}, shortTable.View(), qvrcs::kHeadphoneEqCapacity, kRate),
             QVRCS_OK);
-  EXPECT_EQ(block.I32(20), 128);
   std::vector<int32_t> first(128, 0), second(128, 0);
   for (int i = 0; i < 8; ++i) first[i] = 3 + i;   // from index 2 to the table's end
   for (int i = 0; i < 4; ++i) second[i] = 7 + i;  // from index 2 + 8/2 = 6
-  EXPECT_TRUE(HalfWordsAre(block, 24, {1, 2}));
-  EXPECT_TRUE(HalfWordsAre(block, 28, first));
-  EXPECT_TRUE(HalfWordsAre(block, 28 + 256, second));
-  EXPECT_TRUE(AllBytes(block, qvrcs::kHeadphoneEqCapacity, qvrcs::kPostmixBlockSize, kFill));
+  EXPECT_TRUE(WordsAre(shortTable, 20, {128}));
+  EXPECT_TRUE(HalfWordsAre(shortTable, 24, {1, 2}));
+  EXPECT_TRUE(HalfWordsAre(shortTable, 28, first));
+  EXPECT_TRUE(HalfWordsAre(shortTable, 28 + 256, second));
+  EXPECT_TRUE(AllBytes(shortTable, qvrcs::kHeadphoneEqCapacity, qvrcs::kPostmixBlockSize, kFill));
 }
 
-TEST(HeadphoneEq, ShortFormCopiesTheWholeTable) {
+// At most 128 taps: the whole table after its length, however long, up to
+// the block's end.
+TEST(HeadphoneEq, ShortFormCopiesTheWholeTableUpToTheBlockEnd) {
   listeningModel model;
   const std::vector<int32_t> values = Ramp(202, -100, 37);
   AddHeadphoneEq(&model, "short", 100, values);
+  const std::vector<int32_t> huge = Ramp(40000, 0, 3);
+  AddHeadphoneEq(&model, "huge", 128, huge);
 
-  Block block;
   const size_t slot = qvrcs::kHeadphoneEqSlot;
-  ASSERT_EQ(QVRCS_LoadHeadphoneEq("short", {model}, block.View().At(slot),
-                                  qvrcs::kHeadphoneEqCapacity, kRate),
+  Block block;
+  ASSERT_EQ(QVRCS_LoadHeadphoneEq("short", {model}, block.View().At(slot), qvrcs::kHeadphoneEqCapacity, kRate),
             QVRCS_OK);
-  EXPECT_TRUE(AllBytes(block, slot, slot + 16, 0));
-  EXPECT_EQ(block.I32(slot + 16), 48000);
-  EXPECT_EQ(block.I32(slot + 20), 100);
+  EXPECT_TRUE(AllBytes(block, slot, slot + 16, 0)) << "a uuid that does not pack";
+  EXPECT_TRUE(WordsAre(block, slot + 16, {48000, 100}));
   EXPECT_TRUE(HalfWordsAre(block, slot + 24, values));
   EXPECT_TRUE(AllBytes(block, slot + 24 + 404, qvrcs::kPostmixBlockSize, kFill));
-}
 
-TEST(HeadphoneEq, ShortFormRunsOnButStopsAtTheBlockEnd) {
-  listeningModel model;
-  const std::vector<int32_t> values = Ramp(40000, 0, 3);
-  AddHeadphoneEq(&model, "huge", 128, values);
-
-  Block block;  // exactly the block's size on the heap
-  const size_t slot = qvrcs::kHeadphoneEqSlot;
-  ASSERT_EQ(QVRCS_LoadHeadphoneEq("huge", {model}, block.View().At(slot),
-                                  qvrcs::kHeadphoneEqCapacity, kRate),
+  Block runsOn;  // exactly the block's size on the heap
+  ASSERT_EQ(QVRCS_LoadHeadphoneEq("huge", {model}, runsOn.View().At(slot), qvrcs::kHeadphoneEqCapacity, kRate),
             QVRCS_OK);
-  EXPECT_EQ(block.I32(slot + 20), 128);
-  const size_t fitting = (qvrcs::kPostmixBlockSize - slot - 24) / 2;
-  EXPECT_TRUE(HalfWordsAre(block, slot + 24, Slice(values, 0, fitting)));
-  EXPECT_TRUE(AllBytes(block, 0, slot, kFill));
+  EXPECT_EQ(runsOn.I32(slot + 20), 128);
+  EXPECT_TRUE(HalfWordsAre(runsOn, slot + 24, Slice(huge, 0, (qvrcs::kPostmixBlockSize - slot - 24) / 2)));
+  EXPECT_TRUE(AllBytes(runsOn, 0, slot, kFill));
 }
 
 TEST(HeadphoneEq, UnknownUuidIsNothingToLoadAndEmptyUuidMatchesEmpty) {
   listeningModel model;
   AddHeadphoneEq(&model, "known", 2, {1, 2, 3, 4});
-  headphoneEq* noTable = AddHeadphoneEq(&model, "no-table", 2, {1});
-  noTable->mutable_coefftables(0)->set_samplerate(kRate44k);
+  AddHeadphoneEq(&model, "no-table", 2, {1})->mutable_coefftables(0)->set_samplerate(kRate44k);
 
   Block block;
-  EXPECT_EQ(QVRCS_LoadHeadphoneEq("unknown", {model}, block.View(), 540, kRate),
-            QVRCS_NOTHING_TO_LOAD);
+  EXPECT_EQ(QVRCS_LoadHeadphoneEq("unknown", {model}, block.View(), 540, kRate), QVRCS_NOTHING_TO_LOAD);
   EXPECT_EQ(QVRCS_LoadHeadphoneEq("", {model}, block.View(), 540, kRate), QVRCS_NOTHING_TO_LOAD);
-  EXPECT_EQ(QVRCS_LoadHeadphoneEq("no-table", {model}, block.View(), 540, kRate),
-            QVRCS_ERR_NO_COEF_TABLE);
+  EXPECT_EQ(QVRCS_LoadHeadphoneEq("no-table", {model}, block.View(), 540, kRate), QVRCS_ERR_NO_COEF_TABLE);
   EXPECT_TRUE(AllBytes(block, 0, qvrcs::kPostmixBlockSize, kFill));
 
   AddHeadphoneEq(&model, "", 1, {42});  // a headphone EQ without uuid
@@ -296,3 +252,4 @@ TEST(HeadphoneEq, UnknownUuidIsNothingToLoadAndEmptyUuidMatchesEmpty) {
 }
 
 }  // namespace
+}  // namespace block_test

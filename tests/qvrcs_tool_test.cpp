@@ -17,7 +17,7 @@
 #include "configurator/config_file.h"
 #include "configurator/korva_driver.h"
 #include "configurator/payload.h"
-#include "conversion_support.h"
+#include "block_support.h"
 #include "qvrcs/block_map.h"
 #include "qvrcs/layout.h"
 #include "qvrcs/section_map.h"
@@ -462,7 +462,7 @@ TEST_F(ToolTest, ExplainNamesEveryConvertedFieldAtItsMappedOffset) {
   for (const auto* map : {&premixMap, &postmixMap}) {
     for (const qvrcs::FieldInfo& field : *map) {
       if (field.kind == qvrcs::FieldKind::kSetting) {
-        ASSERT_TRUE(conversion_test::SetByPath(settings, field.path, next++)) << field.path;
+        ASSERT_TRUE(block_test::SetByPath(settings, field.path, next++)) << field.path;
       }
     }
   }
