@@ -13,46 +13,24 @@ namespace wire {
 enum WireType : uint32_t { kVarint = 0, kFixed64 = 1, kLengthDelimited = 2, kFixed32 = 5 };
 
 inline void AppendVarint(std::string& out, uint64_t value) {
-  while (value >= 0x80) {
-    out.push_back(static_cast<char>((value & 0x7F) | 0x80));
-    value >>= 7;
-  }
+  for (; value >= 0x80; value >>= 7) out.push_back(static_cast<char>((value & 0x7F) | 0x80));
   out.push_back(static_cast<char>(value));
 }
 
-// int32 and enum values are sign-extended to 64 bits: a negative one takes ten bytes.
-inline void AppendInt32(std::string& out, int32_t value) {
-  AppendVarint(out, static_cast<uint64_t>(static_cast<int64_t>(value)));
+inline void AppendSInt32(std::string& out, int32_t value) {
+  AppendVarint(out, (static_cast<uint32_t>(value) << 1) ^ static_cast<uint32_t>(value < 0 ? -1 : 0));
 }
-
-inline uint32_t ZigZag32(int32_t value) {
-  return (static_cast<uint32_t>(value) << 1) ^ static_cast<uint32_t>(value < 0 ? -1 : 0);
-}
-
-inline void AppendSInt32(std::string& out, int32_t value) { AppendVarint(out, ZigZag32(value)); }
 
 inline void AppendTag(std::string& out, uint32_t field, WireType type) {
   AppendVarint(out, (static_cast<uint64_t>(field) << 3) | type);
 }
 
-inline void AppendFixed32(std::string& out, uint32_t bits) {
-  for (int i = 0; i < 4; ++i) out.push_back(static_cast<char>((bits >> (8 * i)) & 0xFF));
-}
-
-inline void AppendFixed64(std::string& out, uint64_t bits) {
-  for (int i = 0; i < 8; ++i) out.push_back(static_cast<char>((bits >> (8 * i)) & 0xFF));
-}
-
-inline void AppendFloat(std::string& out, float value) {
-  uint32_t bits = 0;
-  std::memcpy(&bits, &value, sizeof bits);
-  AppendFixed32(out, bits);
-}
-
-inline void AppendDouble(std::string& out, double value) {
-  uint64_t bits = 0;
-  std::memcpy(&bits, &value, sizeof bits);
-  AppendFixed64(out, bits);
+// Little-endian bytes of a float (4) or a double (8).
+template <typename Float>
+void AppendFloat(std::string& out, Float value) {
+  char bytes[sizeof value];
+  std::memcpy(bytes, &value, sizeof value);
+  for (size_t i = 0; i < sizeof value; ++i) out.push_back(bytes[i]);  // the hosts are little-endian
 }
 
 // Whole fields: tag followed by the value.
@@ -61,9 +39,9 @@ inline void VarintField(std::string& out, uint32_t field, uint64_t value) {
   AppendVarint(out, value);
 }
 
+// int32 and enum values are sign-extended to 64 bits: a negative one takes ten bytes.
 inline void Int32Field(std::string& out, uint32_t field, int32_t value) {
-  AppendTag(out, field, kVarint);
-  AppendInt32(out, value);
+  VarintField(out, field, static_cast<uint64_t>(static_cast<int64_t>(value)));
 }
 
 inline void SInt32Field(std::string& out, uint32_t field, int32_t value) {
@@ -86,7 +64,7 @@ inline void PackedSInt32Field(std::string& out, uint32_t field, std::initializer
 
 inline void PackedDoubleField(std::string& out, uint32_t field, std::initializer_list<double> values) {
   std::string body;
-  for (double v : values) AppendDouble(body, v);
+  for (double v : values) AppendFloat(body, v);
   LengthDelimitedField(out, field, body);
 }
 
