@@ -2,10 +2,11 @@
 # simulated driver receives from the configurator.
 find_package(nlohmann_json 3 REQUIRED)
 qvr_add_test(qvrcs_tool_test
-  SOURCES ${CMAKE_CURRENT_LIST_DIR}/qvrcs_tool_test.cpp
+  SOURCES ${CMAKE_CURRENT_LIST_DIR}/qvrcs_tool_test.cpp ${CMAKE_CURRENT_LIST_DIR}/e2e_support.cpp
   LIBS qvrcs_tool_lib nlohmann_json::nlohmann_json)
 target_compile_definitions(qvrcs_tool_test PRIVATE
   QVR_EXAMPLES_DIR="${QVR_EXAMPLES_DIR}"
   QVR_CONFIGURATOR_EXE="$<TARGET_FILE:qvr_configurator>"
-  QVR_DRIVER_SIM_EXE="$<TARGET_FILE:korva-driver-sim>")
+  QVR_DRIVER_SIM_EXE="$<TARGET_FILE:korva-driver-sim>"
+  QVR_FAKETIME_EXE="")
 add_dependencies(qvrcs_tool_test examples qvr_configurator korva-driver-sim qvrcs_tool)

@@ -3,11 +3,8 @@
 // what the simulated driver receives from the configurator, the text round
 // trip, and bad input.
 #include <gtest/gtest.h>
-#include <stdlib.h>
-#include <unistd.h>
 
 #include <filesystem>
-#include <fstream>
 #include <nlohmann/json.hpp>
 #include <sstream>
 #include <string>
@@ -18,6 +15,7 @@
 #include "configurator/korva_driver.h"
 #include "configurator/payload.h"
 #include "block_support.h"
+#include "e2e_support.h"
 #include "qvrcs/block_map.h"
 #include "qvrcs/layout.h"
 #include "qvrcs/section_map.h"
@@ -33,22 +31,17 @@ using com::qvr::pb::korva_v1_1::KorvaSettings;
 using com::qvr::pb::korva_v1_1::Postmix;
 using com::qvr::pb::wbn::Qvrcs;
 using Json = nlohmann::json;
+using block_test::AddTable16;
+using block_test::AddTable32;
+using block_test::Ramp;
+using qvr_test::ReadFile;
+using qvr_test::SettingsOf;
+using qvr_test::WriteFile;
 using qvrcs_tool::CheckReport;
 using qvrcs_tool::SlotReport;
 
 constexpr const char* kUuid = "6f1c2a3b-0000-4000-8000-00000000a001";
 constexpr const char* kOtherUuid = "6f1c2a3b-0000-4000-8000-00000000a002";
-
-std::string ReadFile(const std::string& path) {
-  std::ifstream in(path, std::ios::binary);
-  std::ostringstream all;
-  all << in.rdbuf();
-  return all.str();
-}
-
-void WriteFile(const std::string& path, const std::string& bytes) {
-  std::ofstream(path, std::ios::binary | std::ios::trunc) << bytes;
-}
 
 struct ToolRun {
   int status = -1;
@@ -57,83 +50,46 @@ struct ToolRun {
 };
 
 ToolRun RunTool(const std::vector<std::string>& args) {
-  std::ostringstream out;
-  std::ostringstream err;
-  ToolRun run;
-  run.status = qvrcs_tool::Run(args, out, err);
-  run.out = out.str();
-  run.err = err.str();
-  return run;
-}
-
-// A table of `count` small values at `rate`.
-CoefTable* AddTable(google::protobuf::RepeatedPtrField<CoefTable>* tables, int rate, int count, bool wide) {
-  CoefTable* table = tables->Add();
-  table->set_samplerate(rate);
-  for (int i = 0; i < count; ++i) {
-    if (wide) {
-      table->add_coeff_32(i + 1);
-    } else {
-      table->add_coeff_16(i + 1);
-    }
-  }
-  return table;
+  std::ostringstream out, err;
+  const int status = qvrcs_tool::Run(args, out, err);
+  return ToolRun{status, out.str(), err.str()};
 }
 
 // A tuning file that loads: one front room, one headphone EQ and one AEQ in
 // the postmix record's own model, all with 48000 Hz tables.
 Qvrcs GoodTuning() {
-  Qvrcs tuning;
-  KorvaSettings* settings =
-      tuning.add_workspace()->add_routeconfiguration()->add_tech()->mutable_korva_v1_1();
-  settings->mutable_premix()->mutable_dravo()->set_input_gain(1000);
-  Postmix* postmix = settings->mutable_postmix();
+  Qvrcs tuning = qvr_test::TuningWith({});
+  SettingsOf(tuning).mutable_premix()->mutable_dravo()->set_input_gain(1000);
+  Postmix* postmix = SettingsOf(tuning).mutable_postmix();
   postmix->set_postmix_gain(-256);
   auto* model = postmix->mutable_model();
   auto* room = model->add_rooms();
   room->set_uuid(kUuid);
   room->set_numpairs(1);
-  AddTable(room->mutable_coefftables(), 48000, 100, false);
+  AddTable16(room->mutable_coefftables(), 48000, Ramp(100, 1));
   postmix->add_frontroom()->set_uuid(kUuid);
   auto* eq = model->add_headphones();
   eq->set_uuid(kUuid);
   eq->set_ihpirlength(8);
-  AddTable(eq->mutable_coefftables(), 48000, 18, false);
+  AddTable16(eq->mutable_coefftables(), 48000, Ramp(18, 1));
   postmix->add_hpeqcoef()->set_uuid(kUuid);
   auto* aeq = model->add_aeqs();
   aeq->set_uuid(kUuid);
   for (int bank = 0; bank < 2; ++bank) {
-    AddTable(aeq->add_coefficient_table()->mutable_iircoefs(), 48000, 12, true);
+    AddTable32(aeq->add_coefficient_table()->mutable_iircoefs(), 48000, Ramp(12, 1));
   }
   postmix->add_aeqcoef()->set_uuid(kUuid);
   return tuning;
 }
 
-KorvaSettings& SettingsOf(Qvrcs& tuning) {
-  return *tuning.mutable_workspace(0)->mutable_routeconfiguration(0)->mutable_tech(0)->mutable_korva_v1_1();
-}
 Postmix& PostmixOf(Qvrcs& tuning) { return *SettingsOf(tuning).mutable_postmix(); }
 
-// A private search path per test, removed (and checked removed) after it.
-class ToolTest : public testing::Test {
+// A private search path per test; the configurator runs under the simulated
+// driver when a test compares with what the driver receives.
+class ToolTest : public e2e::E2eTest {
  protected:
-  void SetUp() override {
-    char pattern[] = "/tmp/qvrcs-tool-test-XXXXXX";
-    ASSERT_NE(mkdtemp(pattern), nullptr);
-    dir_ = pattern;
-  }
-  void TearDown() override {
-    std::error_code error;
-    fs::remove_all(dir_, error);
-    EXPECT_FALSE(fs::exists(dir_)) << dir_;
-  }
-
-  std::string Path(const std::string& name) const { return dir_ + "/" + name; }
-
-  std::string Write(const std::string& name, const Qvrcs& tuning) {
-    WriteFile(Path(name), tuning.SerializeAsString());
-    return Path(name);
-  }
+  using E2eTest::Write;
+  std::string Write(const std::string& name, const Qvrcs& tuning) { return Write(name, tuning.SerializeAsString()); }
 
   // configurator.cfg with `first` in attached0 and good.bin in every other slot.
   void WriteConfig(const std::string& first) {
@@ -150,10 +106,8 @@ class ToolTest : public testing::Test {
   CheckReport CheckWith(const Qvrcs& tuning) {
     Write("slot.bin", tuning);
     WriteConfig("slot.bin");
-    return qvrcs_tool::Check(dir_);
+    return qvrcs_tool::Check(dir());
   }
-
-  std::string dir_;
 };
 
 std::string Codes(const CheckReport& report) {
@@ -175,11 +129,7 @@ const FailureCase kFailures[] = {
     {"unknown room", [](Qvrcs& t) { PostmixOf(t).mutable_frontroom(0)->set_uuid(kOtherUuid); }, -999,
      "postmix.frontRoom[0]: no listening model holds room \"6f1c2a3b-0000-4000-8000-00000000a002\""},
     {"room only in the top-level model list",
-     [](Qvrcs& t) {
-       *t.add_model() = PostmixOf(t).model();
-       PostmixOf(t).clear_model();
-     },
-     -999, "top-level model[0], which the configurator does not search"},
+     [](Qvrcs& t) { *t.add_model() = PostmixOf(t).model(); PostmixOf(t).clear_model(); }, -999, "top-level model[0], which the configurator does not search"},
     {"room without a 48000 Hz table",
      [](Qvrcs& t) { PostmixOf(t).mutable_model()->mutable_rooms(0)->mutable_coefftables(0)->set_samplerate(44100); },
      -998, "has no coefficient table for 48000 Hz (its tables: 44100 Hz)"},
@@ -187,13 +137,11 @@ const FailureCase kFailures[] = {
      [](Qvrcs& t) {
        auto* tables = PostmixOf(t).mutable_model()->mutable_rooms(0)->mutable_coefftables();
        tables->Clear();
-       AddTable(tables, 48000, 6151, false);
+       AddTable16(tables, 48000, Ramp(6151, 1));
      },
      -997, "6151 coeff_16 values, a record of 12342 bytes; the slot holds 12340 (at most 6150 values)"},
     {"last headphone EQ without a 48000 Hz table",
-     [](Qvrcs& t) {
-       PostmixOf(t).mutable_model()->mutable_headphones(0)->mutable_coefftables(0)->clear_samplerate();
-     },
+     [](Qvrcs& t) { PostmixOf(t).mutable_model()->mutable_headphones(0)->mutable_coefftables(0)->clear_samplerate(); },
      -998, "postmix.hpeqCoef[0] (the last headphone EQ locator, the one that counts)"},
     {"unknown AEQ", [](Qvrcs& t) { PostmixOf(t).mutable_aeqcoef(0)->set_uuid(kOtherUuid); }, -998,
      "postmix.aeqCoef[0]: no listening model holds AEQ"},
@@ -207,17 +155,13 @@ const FailureCase kFailures[] = {
      [](Qvrcs& t) {
        auto* hpf = PostmixOf(t).mutable_velmo_hpf_coef();
        hpf->set_order(2);
-       AddTable(hpf->mutable_hpf_coeffs(), 48000, 21, false);
-       AddTable(hpf->mutable_hpf_coeffs(), 44100, 6, false);
+       AddTable16(hpf->mutable_hpf_coeffs(), 48000, Ramp(21, 1));
+       AddTable16(hpf->mutable_hpf_coeffs(), 44100, Ramp(6, 1));
      },
      -998, "order 2 needs a 48000 Hz table of at most 20 coeff_16 values (its tables: 48000 Hz with 21 values, "
            "44100 Hz with 6 values)"},
     {"negative postmix ref_htest",
-     [](Qvrcs& t) {
-       auto* e2 = PostmixOf(t).mutable_enhance2();
-       e2->add_ref_htest(100);
-       e2->add_ref_htest(-1);
-     },
+     [](Qvrcs& t) { PostmixOf(t).mutable_enhance2()->add_ref_htest(100); PostmixOf(t).mutable_enhance2()->add_ref_htest(-1); },
      -997, "postmix.enhance2.ref_htest[1] = -1 is negative"},
 };
 
@@ -233,10 +177,8 @@ TEST_F(ToolTest, CheckNamesTheRecordBehindEachFailure) {
     EXPECT_FALSE(slot.loaded);
     EXPECT_EQ(slot.readerStatus, -4);
     EXPECT_EQ(slot.postmixStatus, c.postmixStatus);
-    EXPECT_NE(slot.meaning.find("postmix " + std::to_string(c.postmixStatus) + ": " +
-                                QVRCS_StatusText(c.postmixStatus)),
-              std::string::npos)
-        << slot.meaning;
+    const std::string meaning = "postmix " + std::to_string(c.postmixStatus) + ": " + QVRCS_StatusText(c.postmixStatus);
+    EXPECT_NE(slot.meaning.find(meaning), std::string::npos) << slot.meaning;
     EXPECT_NE(slot.culprit.find(c.culprit), std::string::npos) << slot.culprit;
     EXPECT_EQ(report.Failures(), 1u);
     for (size_t i = 1; i < report.slots.size(); ++i) EXPECT_TRUE(report.slots[i].loaded) << i;
@@ -246,7 +188,7 @@ TEST_F(ToolTest, CheckNamesTheRecordBehindEachFailure) {
 TEST_F(ToolTest, CheckReportsFilesTheReaderCannotTake) {
   // No file at all, and a file with nothing to select.
   WriteConfig("missing.bin");
-  CheckReport report = qvrcs_tool::Check(dir_);
+  CheckReport report = qvrcs_tool::Check(dir());
   EXPECT_FALSE(report.slots[0].loaded);
   EXPECT_NE(report.slots[0].culprit.find("missing.bin: cannot open: No such file or directory"), std::string::npos)
       << report.slots[0].culprit;
@@ -258,13 +200,13 @@ TEST_F(ToolTest, CheckReportsFilesTheReaderCannotTake) {
   EXPECT_EQ(report.slots[0].culprit, "the file has no workspace");
 
   // The exit status and the one line per failing slot.
-  const ToolRun run = RunTool({"check", dir_});
+  const ToolRun run = RunTool({"check", dir()});
   EXPECT_EQ(run.status, qvrcs_tool::kExitFindings);
   EXPECT_NE(run.out.find("attached0  slot.bin              FAILS: reader -4"), std::string::npos) << run.out;
   EXPECT_NE(run.out.find("5 of 6 slots load"), std::string::npos) << run.out;
   EXPECT_EQ(run.out.find("QVR_KORVA"), std::string::npos) << "the reader's log stays out of the plain report";
   EXPECT_EQ(run.err, "");
-  const ToolRun verbose = RunTool({"check", "-v", dir_});
+  const ToolRun verbose = RunTool({"check", "-v", dir()});
   EXPECT_NE(verbose.out.find("log: "), std::string::npos) << verbose.out;
   EXPECT_NE(verbose.out.find("Error: " + Path("slot.bin") + " has no workspace"), std::string::npos) << verbose.out;
   EXPECT_EQ(verbose.err, "");
@@ -272,7 +214,7 @@ TEST_F(ToolTest, CheckReportsFilesTheReaderCannotTake) {
 
 TEST_F(ToolTest, CheckReportsConfigurationErrorsWithLineAndColumn) {
   WriteFile(Path("configurator.cfg"), "attached0 {\n  filename: \"a.bin\"\n  devices: 3\n}\n");
-  CheckReport report = qvrcs_tool::Check(dir_);
+  CheckReport report = qvrcs_tool::Check(dir());
   EXPECT_FALSE(report.configOk);
   ASSERT_FALSE(report.configErrors.empty());
   EXPECT_EQ(report.configErrors[0].rfind(Path("configurator.cfg") + ":3:10: ", 0), 0u) << report.configErrors[0];
@@ -285,12 +227,12 @@ TEST_F(ToolTest, CheckReportsConfigurationErrorsWithLineAndColumn) {
     if (std::string(slot.name) != "other") text += std::string(slot.name) + " { filename: \"a\" device_bitmask: 1 }\n";
   }
   WriteFile(Path("configurator.cfg"), text);
-  report = qvrcs_tool::Check(dir_);
+  report = qvrcs_tool::Check(dir());
   ASSERT_EQ(report.configErrors.size(), 1u);
   EXPECT_EQ(report.configErrors[0], Path("configurator.cfg") + ": Message missing required fields: other");
 
   fs::remove(Path("configurator.cfg"));
-  const ToolRun run = RunTool({"check", dir_});
+  const ToolRun run = RunTool({"check", dir()});
   EXPECT_EQ(run.status, qvrcs_tool::kExitFindings);
   EXPECT_NE(run.out.find("configurator.cfg: cannot open: No such file or directory"), std::string::npos) << run.out;
 }
@@ -312,13 +254,13 @@ const WarningCase kWarnings[] = {
      [](Qvrcs& t) { PostmixOf(t).mutable_model()->mutable_rooms(0)->mutable_coefftables(0)->set_coeff_16(3, 70000); },
      "wrap16", "coeff_16[3] = 70000 does not fit 16 bits, the DSP gets 4464", false},
     {"crossover low-pass past its area",
-     [](Qvrcs& t) { AddTable(PostmixOf(t).mutable_velmo_xover_coef()->mutable_lpf_coeffs(), 48000, 16, false); },
+     [](Qvrcs& t) { AddTable16(PostmixOf(t).mutable_velmo_xover_coef()->mutable_lpf_coeffs(), 48000, Ramp(16, 1)); },
      "coef-overrun",
      "postmix.velmo_xover_coef.lpf_coeffs[0]: 16 values run 4 bytes past the section's end (byte 61336) into "
      "velmo_xover.hpf_coefs",
      false},
     {"Gorm cut at the block's end",
-     [](Qvrcs& t) { AddTable(PostmixOf(t).mutable_gorm_coef()->mutable_coeffs(), 48000, 30, true); }, "coef-overrun",
+     [](Qvrcs& t) { AddTable32(PostmixOf(t).mutable_gorm_coef()->mutable_coeffs(), 48000, Ramp(30, 1)); }, "coef-overrun",
      "postmix.gorm_coef.coeffs[0]: 30 values run 24 bytes past the section's end (byte 61468) and are cut at the "
      "end of the block: the last 6 values are dropped",
      false},
@@ -330,7 +272,7 @@ const WarningCase kWarnings[] = {
      "coef-overrun", "channel 0: 342 values run 32 bytes past the section's end (byte 59916) into the rest of aeq",
      false},
     {"postmix high-pass longer than its area",
-     [](Qvrcs& t) { AddTable(PostmixOf(t).mutable_hpf_coef()->mutable_coeffs(), 48000, 21, true); }, "coef-overrun",
+     [](Qvrcs& t) { AddTable32(PostmixOf(t).mutable_hpf_coef()->mutable_coeffs(), 48000, Ramp(21, 1)); }, "coef-overrun",
      "postmix.hpf_coef.coeffs[0] (48000 Hz) has 21 values, more than the 20 the section holds: not loaded", false},
     {"long headphone filter",
      [](Qvrcs& t) {
@@ -391,18 +333,18 @@ TEST_F(ToolTest, CheckWarnsOfDataTheConfiguratorTakesSilently) {
 TEST_F(ToolTest, CheckWarnsOfUnparsableFilesAndRelativePathsAndSetsTheExitStatus) {
   WriteFile(Path("slot.bin"), std::string("\xff\xff\xff\xff", 4));
   WriteConfig("slot.bin");
-  const CheckReport report = qvrcs_tool::Check(dir_);
+  const CheckReport report = qvrcs_tool::Check(dir());
   EXPECT_TRUE(report.slots[0].loaded) << "the configurator uploads the blank payload";
   ASSERT_EQ(report.warnings.size(), 1u);
   EXPECT_EQ(report.warnings[0].code, "unparsable");
   EXPECT_NE(report.warnings[0].message.find("blank (all-zero) payload and logs no error"), std::string::npos);
 
-  ToolRun run = RunTool({"check", dir_});
+  ToolRun run = RunTool({"check", dir()});
   EXPECT_EQ(run.status, qvrcs_tool::kExitFindings);
   EXPECT_NE(run.out.find("warning: attached0 slot.bin: does not parse"), std::string::npos) << run.out;
-  run = RunTool({"check", "--warnings-ok", dir_});
+  run = RunTool({"check", "--warnings-ok", dir()});
   EXPECT_EQ(run.status, qvrcs_tool::kExitOk);
-  run = RunTool({"check", "--json", dir_});
+  run = RunTool({"check", "--json", dir()});
   const Json json = Json::parse(run.out);
   EXPECT_EQ(json["warnings"][0]["code"], "unparsable");
   EXPECT_EQ(json["exit_status"], qvrcs_tool::kExitFindings);
@@ -568,18 +510,10 @@ std::vector<std::string> SlotFiles(const std::string& dir) {
 }
 
 TEST_F(ToolTest, ConvertGivesWhatTheDriverReceivesFromTheConfigurator) {
-  const std::string capture = Path("capture");
-  const std::string command = std::string("ASAN_OPTIONS=verify_asan_link_order=0 '") + QVR_DRIVER_SIM_EXE +
-                              "' --capture '" + capture + "' -- '" + QVR_CONFIGURATOR_EXE + "' '" +
-                              QVR_EXAMPLES_DIR + "' >'" + Path("sim.out") + "' 2>&1";
-  ASSERT_EQ(std::system(command.c_str()), 0) << ReadFile(Path("sim.out"));
-
+  const e2e::RunResult configurator = RunConfigurator({}, {QVR_EXAMPLES_DIR});
+  ASSERT_EQ(configurator.status, 0) << configurator.err;
   std::vector<std::string> uploads;
-  std::ifstream journal(capture + "/requests.jsonl");
-  for (std::string line; std::getline(journal, line);) {
-    const Json record = Json::parse(line);
-    if (record["request"] == "SET_PARAM") uploads.push_back(ReadFile(capture + "/" + record["arg"].get<std::string>()));
-  }
+  for (const e2e::Request& request : configurator.Of("SET_PARAM")) uploads.emplace_back(request.arg.begin(), request.arg.end());
   const std::vector<std::string> files = SlotFiles(QVR_EXAMPLES_DIR);
   ASSERT_EQ(uploads.size(), files.size());
   for (size_t i = 0; i < files.size(); ++i) {
@@ -663,8 +597,8 @@ TEST_F(ToolTest, BadInputGivesOneLineAndTheDocumentedStatus) {
   EXPECT_EQ(run.err, "qvrcs: " + Path("cut.bin") +
                          ": does not parse as a tuning file (truncated, or not a tuning file); not a payload either (" +
                          std::to_string(whole.size() / 2) + " bytes, not 61664)\n");
-  run = RunTool({"dump", dir_});
-  EXPECT_EQ(run.err, "qvrcs: " + dir_ + ": is a directory, not a file\n");
+  run = RunTool({"dump", dir()});
+  EXPECT_EQ(run.err, "qvrcs: " + dir() + ": is a directory, not a file\n");
   run = RunTool({"diff", "--payload", Path("cut.bin"), Path("cut.bin")});
   EXPECT_EQ(run.status, qvrcs_tool::kExitBadInput);
   EXPECT_NE(run.err.find("not a payload: "), std::string::npos);
