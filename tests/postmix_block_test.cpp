@@ -127,7 +127,7 @@ TEST_F(PostmixBlockTest, FirstFailureEndsTheConversionInFillOrder) {
     std::function<void(PostmixBlockTest&)> setUp;
     int32_t status;
     size_t templateFrom;                          // the template from here to the block's end
-    std::function<void(const PostmixBytes&)> loaded;  // what the steps before the failure left
+    std::function<void(const PostmixBytes&)> loaded;  // what the steps before the failure left, if checked
   };
   const auto multichLoaded = [](const PostmixBytes& b) { EXPECT_TRUE(HalfWordsAre(b, kMultichCoefs, {2, 2})); };
   const std::vector<Case> cases = {
@@ -137,7 +137,7 @@ TEST_F(PostmixBlockTest, FirstFailureEndsTheConversionInFillOrder) {
          AddRoom(t.model(), "a", {1});
          t.postmix().add_multichroom()->set_uuid("a");
        },
-       QVRCS_ERR_NEGATIVE_REF_HTEST, qvrcs::kPostmixControlSize, [](const PostmixBytes&) {}},
+       QVRCS_ERR_NEGATIVE_REF_HTEST, qvrcs::kPostmixControlSize, nullptr},
       {"unknown multichannel room after a loaded one",
        [](PostmixBlockTest& t) {
          AddRoom(t.model(), "b", {2, 2});
@@ -168,11 +168,7 @@ TEST_F(PostmixBlockTest, FirstFailureEndsTheConversionInFillOrder) {
          t.AddAeq("aeq", kRate44k, kRate48k);
          t.postmix().add_aeqcoef()->set_uuid("aeq");
        },
-       QVRCS_ERR_NO_COEF_TABLE, qvrcs::kVelmoHpfOrder,
-       [](const PostmixBytes& b) {
-         EXPECT_TRUE(WordsAre(b, qvrcs::kAeqRecord, {24, -1, 0, 0}));
-         EXPECT_TRUE(WordsAre(b, qvrcs::kAeqRecord + qvrcs::kAeqChannel1, {24, -1, 20, 21, 0}));
-       }},
+       QVRCS_ERR_NO_COEF_TABLE, qvrcs::kVelmoHpfOrder, nullptr},  // its partial record: the AEQ tests
       {"Velmo high-pass without a table: after the crossover, before Gorm",
        [](PostmixBlockTest& t) {
          t.postmix().mutable_velmo_xover_coef()->set_order(3);
@@ -181,11 +177,7 @@ TEST_F(PostmixBlockTest, FirstFailureEndsTheConversionInFillOrder) {
          AddTable16(t.postmix().mutable_velmo_hpf_coef()->mutable_hpf_coeffs(), kRate44k, {1});
        },
        QVRCS_ERR_NO_COEF_TABLE, qvrcs::kGormSpeakerSize,
-       [](const PostmixBytes& b) {
-         EXPECT_TRUE(WordsAre(b, qvrcs::kVelmoHpfOrder, {2}));
-         EXPECT_TRUE(WordsAre(b, qvrcs::kVelmoXoverOrder, {3}));
-         EXPECT_EQ(b.U16(qvrcs::kVelmoXoverLpfCoefs), 31);
-       }},
+       [](const PostmixBytes& b) { EXPECT_TRUE(WordsAre(b, qvrcs::kVelmoXoverOrder, {3, 31})); }},
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.name);
@@ -196,7 +188,7 @@ TEST_F(PostmixBlockTest, FirstFailureEndsTheConversionInFillOrder) {
     postmix().mutable_gorm_coef()->set_speaker_size(5);
     PostmixBytes block;
     EXPECT_EQ(Convert(block), c.status);
-    c.loaded(block);
+    if (c.loaded) c.loaded(block);
     EXPECT_TRUE(SameBytes(*block.bytes, kPostmixTemplate, c.templateFrom, kEnd));
   }
 }
