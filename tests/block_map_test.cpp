@@ -38,7 +38,9 @@ void ExpectMapMatchesConverter(const std::vector<FieldInfo>& map, size_t size,
   ASSERT_EQ(convert(settings, block), QVRCS_OK);
   for (size_t i = 0; i < map.size(); ++i) {
     const FieldInfo& field = map[i];
-    const auto stored = [&](const Block<N>& b) { return field.width == 16 ? b.I16(field.offset) : b.I32(field.offset); };
+    const auto stored = [&](const Block<N>& b) {
+      return field.width == 16 ? b.I16(field.offset) : b.I32(field.offset);
+    };
     const int32_t expected = field.kind == FieldKind::kAlwaysZero ? 0
                              : field.kind == FieldKind::kReserved ? stored(Block<N>(reference))
                              : field.width == 16                  ? static_cast<int16_t>(Distinct(i) & 0xFFFF)

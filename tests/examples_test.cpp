@@ -67,7 +67,8 @@ const CoefTable* TableAt(const google::protobuf::RepeatedPtrField<CoefTable>& ta
 
 TEST(ExampleConfig, NamesSixDistinctTuningFilesWithDevices) {
   com::qvr::korva::configurator::qdsp6::ConfiguratorConfig config;
-  ASSERT_TRUE(google::protobuf::TextFormat::ParseFromString(qvr_test::ReadFile(ExamplePath("configurator.cfg")), &config));
+  const std::string text = qvr_test::ReadFile(ExamplePath("configurator.cfg"));
+  ASSERT_TRUE(google::protobuf::TextFormat::ParseFromString(text, &config));
   std::set<std::string> files;
   for (const auto* slot : {&config.attached0(), &config.attached1(), &config.lineout0(), &config.bluetooth0(),
                            &config.combo0(), &config.other()}) {
@@ -89,7 +90,8 @@ TEST(ExampleTuning, LoadsEveryRoomHeadphoneEqAndAeqItNames) {
   };
   const size_t channel = 4 * qvrcs::kAeqChannelWords;
   const Section kSections[] = {
-      {"multichannel", &Postmix::multichroom, qvrcs::kMultichRoomSlot, qvrcs::kMultichRoomCapacity, qvrcs::kRoomSampleRate},
+      {"multichannel", &Postmix::multichroom, qvrcs::kMultichRoomSlot, qvrcs::kMultichRoomCapacity,
+       qvrcs::kRoomSampleRate},
       {"front", &Postmix::frontroom, qvrcs::kFrontRoomSlot, qvrcs::kFrontRoomCapacity, qvrcs::kRoomSampleRate},
       {"wide", &Postmix::wideroom, qvrcs::kWideRoomSlot, qvrcs::kWideRoomCapacity, qvrcs::kRoomSampleRate},
       {"hpeq", &Postmix::hpeqcoef, qvrcs::kHeadphoneEqSlot, qvrcs::kHeadphoneEqCapacity, qvrcs::kHpeqSampleRate},
@@ -162,11 +164,15 @@ TEST(ExampleMax, Every48kHzTableFillsItsArea) {
   for (const auto& bank : model.aeqs(0).coefficient_table()) {
     EXPECT_EQ(TableAt(bank.iircoefs())->coeff_32_size(), static_cast<int>(qvrcs::kAeqChannelCoefs));
   }
-  EXPECT_EQ(TableAt(postmix.hpf_coef().coeffs())->coeff_32_size(), static_cast<int>(qvrcs::kHpfMaxCoefs));
-  EXPECT_EQ(TableAt(postmix.velmo_hpf_coef().hpf_coeffs())->coeff_16_size(), static_cast<int>(qvrcs::kVelmoHpfMaxCoefs));
-  EXPECT_EQ(TableAt(postmix.velmo_xover_coef().lpf_coeffs())->coeff_16_size(), static_cast<int>(qvrcs::kVelmoXoverCoefs));
-  EXPECT_EQ(TableAt(postmix.velmo_xover_coef().hpf_coeffs())->coeff_16_size(), static_cast<int>(qvrcs::kVelmoXoverCoefs));
-  EXPECT_EQ(TableAt(postmix.gorm_coef().coeffs())->coeff_32_size(), static_cast<int>(qvrcs::kGormMaxCoefs));
+  const auto size = [](const auto& tables, bool wide) {
+    const CoefTable* table = TableAt(tables);
+    return table == nullptr ? 0u : static_cast<size_t>(wide ? table->coeff_32_size() : table->coeff_16_size());
+  };
+  EXPECT_EQ(size(postmix.hpf_coef().coeffs(), true), qvrcs::kHpfMaxCoefs);
+  EXPECT_EQ(size(postmix.velmo_hpf_coef().hpf_coeffs(), false), qvrcs::kVelmoHpfMaxCoefs);
+  EXPECT_EQ(size(postmix.velmo_xover_coef().lpf_coeffs(), false), qvrcs::kVelmoXoverCoefs);
+  EXPECT_EQ(size(postmix.velmo_xover_coef().hpf_coeffs(), false), qvrcs::kVelmoXoverCoefs);
+  EXPECT_EQ(size(postmix.gorm_coef().coeffs(), true), qvrcs::kGormMaxCoefs);
 }
 
 }  // namespace

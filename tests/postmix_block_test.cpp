@@ -138,11 +138,13 @@ TEST_F(PostmixBlockTest, FirstFailureEndsTheConversionInFillOrder) {
          t.postmix().add_multichroom()->set_uuid("a");
        },
        QVRCS_ERR_NEGATIVE_REF_HTEST, qvrcs::kPostmixControlSize, nullptr},
-      {"unknown multichannel room after a loaded one",
+      {"unknown multichannel room between two that load",
        [](PostmixBlockTest& t) {
          AddRoom(t.model(), "b", {2, 2});
+         AddRoom(t.model(), "c", {3, 3});
          t.postmix().add_multichroom()->set_uuid("b");
          t.postmix().add_multichroom()->set_uuid("unknown");
+         t.postmix().add_multichroom()->set_uuid("c");  // not reached
        },
        QVRCS_ERR_UNKNOWN_ROOM, qvrcs::kFrontRoomSlot, multichLoaded},
       {"front room too large for its slot",

@@ -124,7 +124,8 @@ TEST(Room, StatusesLeaveTheSlotUntouched) {
                                      std::pair{"other-rate", QVRCS_ERR_NO_COEF_TABLE},
                                      std::pair{"EMPTY-16", QVRCS_ERR_NO_COEF_TABLE}}) {
     Block block;
-    EXPECT_EQ(QVRCS_LoadRoom(uuid, {model}, block.View().At(qvrcs::kMultichRoomSlot), qvrcs::kMultichRoomCapacity, kRate),
+    EXPECT_EQ(QVRCS_LoadRoom(uuid, {model}, block.View().At(qvrcs::kMultichRoomSlot), qvrcs::kMultichRoomCapacity,
+                             kRate),
               status)
         << uuid;
     EXPECT_TRUE(AllBytes(block, 0, qvrcs::kPostmixBlockSize, kFill)) << uuid;

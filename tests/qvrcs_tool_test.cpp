@@ -129,7 +129,8 @@ const FailureCase kFailures[] = {
     {"unknown room", [](Qvrcs& t) { PostmixOf(t).mutable_frontroom(0)->set_uuid(kOtherUuid); }, -999,
      "postmix.frontRoom[0]: no listening model holds room \"6f1c2a3b-0000-4000-8000-00000000a002\""},
     {"room only in the top-level model list",
-     [](Qvrcs& t) { *t.add_model() = PostmixOf(t).model(); PostmixOf(t).clear_model(); }, -999, "top-level model[0], which the configurator does not search"},
+     [](Qvrcs& t) { *t.add_model() = PostmixOf(t).model(); PostmixOf(t).clear_model(); }, -999,
+     "top-level model[0], which the configurator does not search"},
     {"room without a 48000 Hz table",
      [](Qvrcs& t) { PostmixOf(t).mutable_model()->mutable_rooms(0)->mutable_coefftables(0)->set_samplerate(44100); },
      -998, "has no coefficient table for 48000 Hz (its tables: 44100 Hz)"},
@@ -161,7 +162,10 @@ const FailureCase kFailures[] = {
      -998, "order 2 needs a 48000 Hz table of at most 20 coeff_16 values (its tables: 48000 Hz with 21 values, "
            "44100 Hz with 6 values)"},
     {"negative postmix ref_htest",
-     [](Qvrcs& t) { PostmixOf(t).mutable_enhance2()->add_ref_htest(100); PostmixOf(t).mutable_enhance2()->add_ref_htest(-1); },
+     [](Qvrcs& t) {
+       PostmixOf(t).mutable_enhance2()->add_ref_htest(100);
+       PostmixOf(t).mutable_enhance2()->add_ref_htest(-1);
+     },
      -997, "postmix.enhance2.ref_htest[1] = -1 is negative"},
 };
 
@@ -260,7 +264,8 @@ const WarningCase kWarnings[] = {
      "velmo_xover.hpf_coefs",
      false},
     {"Gorm cut at the block's end",
-     [](Qvrcs& t) { AddTable32(PostmixOf(t).mutable_gorm_coef()->mutable_coeffs(), 48000, Ramp(30, 1)); }, "coef-overrun",
+     [](Qvrcs& t) { AddTable32(PostmixOf(t).mutable_gorm_coef()->mutable_coeffs(), 48000, Ramp(30, 1)); },
+     "coef-overrun",
      "postmix.gorm_coef.coeffs[0]: 30 values run 24 bytes past the section's end (byte 61468) and are cut at the "
      "end of the block: the last 6 values are dropped",
      false},
@@ -272,7 +277,8 @@ const WarningCase kWarnings[] = {
      "coef-overrun", "channel 0: 342 values run 32 bytes past the section's end (byte 59916) into the rest of aeq",
      false},
     {"postmix high-pass longer than its area",
-     [](Qvrcs& t) { AddTable32(PostmixOf(t).mutable_hpf_coef()->mutable_coeffs(), 48000, Ramp(21, 1)); }, "coef-overrun",
+     [](Qvrcs& t) { AddTable32(PostmixOf(t).mutable_hpf_coef()->mutable_coeffs(), 48000, Ramp(21, 1)); },
+     "coef-overrun",
      "postmix.hpf_coef.coeffs[0] (48000 Hz) has 21 values, more than the 20 the section holds: not loaded", false},
     {"long headphone filter",
      [](Qvrcs& t) {
@@ -438,7 +444,8 @@ TEST_F(ToolTest, ExplainNamesEveryConvertedFieldAtItsMappedOffset) {
 
   // The sections the file feeds name their records; the others keep the template.
   EXPECT_EQ((*RowNamed(rows, "postmix", "front_room"))["origin"], "file");
-  EXPECT_EQ((*RowNamed(rows, "postmix", "front_room"))["source"], std::string("postmix.frontRoom[0] \"") + kUuid + "\"");
+  EXPECT_EQ((*RowNamed(rows, "postmix", "front_room"))["source"],
+            std::string("postmix.frontRoom[0] \"") + kUuid + "\"");
   EXPECT_NE((*RowNamed(rows, "postmix", "front_room"))["note"].get<std::string>().find(
                 "48000 Hz, 100 values, record ends at byte " + std::to_string(qvrcs::kFrontRoomSlot + 40 + 200)),
             std::string::npos);
@@ -513,7 +520,9 @@ TEST_F(ToolTest, ConvertGivesWhatTheDriverReceivesFromTheConfigurator) {
   const e2e::RunResult configurator = RunConfigurator({}, {QVR_EXAMPLES_DIR});
   ASSERT_EQ(configurator.status, 0) << configurator.err;
   std::vector<std::string> uploads;
-  for (const e2e::Request& request : configurator.Of("SET_PARAM")) uploads.emplace_back(request.arg.begin(), request.arg.end());
+  for (const e2e::Request& upload : configurator.Of("SET_PARAM")) {
+    uploads.emplace_back(upload.arg.begin(), upload.arg.end());
+  }
   const std::vector<std::string> files = SlotFiles(QVR_EXAMPLES_DIR);
   ASSERT_EQ(uploads.size(), files.size());
   for (size_t i = 0; i < files.size(); ++i) {
@@ -525,7 +534,8 @@ TEST_F(ToolTest, ConvertGivesWhatTheDriverReceivesFromTheConfigurator) {
     const std::string payload = ReadFile(out);
     ASSERT_EQ(payload.size(), qvr::kCacheBlockSize);
     ASSERT_EQ(uploads[i].size(), sizeof(qvr_korva_param_desc) + qvr::kCacheBlockSize);
-    EXPECT_TRUE(uploads[i].compare(sizeof(qvr_korva_param_desc), std::string::npos, payload) == 0) << "payload differs from the upload";
+    EXPECT_TRUE(uploads[i].compare(sizeof(qvr_korva_param_desc), std::string::npos, payload) == 0)
+        << "payload differs from the upload";
   }
 }
 

@@ -334,8 +334,9 @@ TEST(SchemaDefaults, UnsetFieldsReadTheirDeclaredDefaults) {
 }
 
 TEST(SchemaDefaults, DeliberateGapsInFieldNumbersStayUnknown) {
-  for (const auto& [d, number] : {std::pair{wbn::Profile::descriptor(), 9}, std::pair{model::listeningModel::descriptor(), 1},
-                                  std::pair{model::roomModel::descriptor(), 3}, std::pair{model::headphoneEq::descriptor(), 3}}) {
+  for (const auto& [d, number] :
+       {std::pair{wbn::Profile::descriptor(), 9}, std::pair{model::listeningModel::descriptor(), 1},
+        std::pair{model::roomModel::descriptor(), 3}, std::pair{model::headphoneEq::descriptor(), 3}}) {
     EXPECT_EQ(d->FindFieldByNumber(number), nullptr) << d->name() << " " << number;
     EXPECT_NE(d->FindFieldByNumber(number + 1), nullptr) << d->name() << " " << number + 1;
   }
@@ -361,7 +362,9 @@ std::string ConfigText(const std::string& skip = "", const std::string& dropBitm
     const std::string slot = kSlots[i];
     if (slot == skip) continue;
     text += slot + " {\n  filename: '" + slot + ".qvrcs'\n";
-    if (slot != dropBitmask) text += "  device_bitmask: " + (slot == "other" ? "0xffffffff" : std::to_string(2 << i)) + "\n";
+    if (slot != dropBitmask) {
+      text += "  device_bitmask: " + (slot == "other" ? "0xffffffff" : std::to_string(2 << i)) + "\n";
+    }
     text += "}\n";
   }
   return text;
@@ -486,7 +489,8 @@ TEST(SchemaDescriptors, RecordsKeepTheFormatsPlainShape) {
                              type == gp::FieldDescriptor::TYPE_UINT32 || type == gp::FieldDescriptor::TYPE_SFIXED32 ||
                              type == gp::FieldDescriptor::TYPE_FIXED32;
       if (integer32 && !config && d->file()->package() != "com.qvr.pb.model") {
-        EXPECT_EQ(type, f->name() == "route_flags" ? gp::FieldDescriptor::TYPE_INT32 : gp::FieldDescriptor::TYPE_SINT32);
+        EXPECT_EQ(type, f->name() == "route_flags" ? gp::FieldDescriptor::TYPE_INT32
+                                                   : gp::FieldDescriptor::TYPE_SINT32);
       }
       EXPECT_NE(type, gp::FieldDescriptor::TYPE_INT64);
       // Repeated numbers are packed sint32 or double lists, as the existing

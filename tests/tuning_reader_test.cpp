@@ -126,7 +126,8 @@ TEST_F(TuningReaderTest, FailuresLogOneLineAndCopyNothing) {
       {Write("empty.qvrcs", ""), false, "Error: " + Path("empty.qvrcs") + " has no workspace"},
       {Write("no-route.qvrcs", noRoute.SerializeAsString()), false,
        "Error: " + Path("no-route.qvrcs") + " has no routeConfiguration in workspace 0"},
-      {Write("no-tech.qvrcs", noTech.SerializeAsString()), false, "Error: " + Path("no-tech.qvrcs") + " has no tech in routeConfiguration 0"},
+      {Write("no-tech.qvrcs", noTech.SerializeAsString()), false,
+       "Error: " + Path("no-tech.qvrcs") + " has no tech in routeConfiguration 0"},
       {missing, false, "Error: could not open " + missing},
       {"", false, "Error:  filename or outData is NULL"},  // a null file name
       {good, true, "Error:  filename or outData is NULL"},
