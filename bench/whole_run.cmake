@@ -1,8 +1,14 @@
 # Whole-process cost of the configurator on six maximum-size tuning files,
-# against bare_parse, the same files read and parsed and nothing else.
+# against bare_parse, the same files read and parsed and nothing else; both
+# again on six minimal files (the fixed cost of a run), and the driver
+# requests alone (what the simulator's transport costs inside a run).
 # Not a test: scripts/bench-whole-run.sh runs it under the simulated driver.
 add_executable(bare_parse ${CMAKE_CURRENT_LIST_DIR}/bare_parse.cpp)
 target_link_libraries(bare_parse PRIVATE qvr_proto)
+
+# The same driver requests alone: the simulator's transport cost inside a run.
+add_executable(driver_requests ${CMAKE_CURRENT_LIST_DIR}/driver_requests.cpp)
+target_link_libraries(driver_requests PRIVATE configurator_core)
 
 add_executable(whole_run_bench ${CMAKE_CURRENT_LIST_DIR}/whole_run_bench.cpp)
 target_include_directories(whole_run_bench PRIVATE ${PROJECT_SOURCE_DIR})
@@ -10,5 +16,7 @@ target_link_libraries(whole_run_bench PRIVATE benchmark::benchmark)
 target_compile_definitions(whole_run_bench PRIVATE
   QVR_CONFIGURATOR_EXE="$<TARGET_FILE:qvr_configurator>"
   QVR_BARE_PARSE_EXE="$<TARGET_FILE:bare_parse>"
-  QVR_MAX_TUNING_FILE="${QVR_EXAMPLES_DIR}/max.bin")
-add_dependencies(whole_run_bench qvr_configurator bare_parse examples)
+  QVR_DRIVER_REQUESTS_EXE="$<TARGET_FILE:driver_requests>"
+  QVR_MAX_TUNING_FILE="${QVR_EXAMPLES_DIR}/max.bin"
+  QVR_MIN_TUNING_FILE="${QVR_EXAMPLES_DIR}/lineout.bin")
+add_dependencies(whole_run_bench qvr_configurator bare_parse driver_requests examples)
