@@ -118,7 +118,7 @@ TEST(SimDriverTest, UploadLandsAtTheSelectedBlock) {
   EXPECT_EQ(block.uploadSize, 100);
 }
 
-TEST(SimDriverTest, UploadSizeIsNeverTrusted) {
+TEST(SimDriverTest, UploadSizeAndBlockAreNeverTrusted) {
   Driver driver(DriverConfig{});
   ASSERT_TRUE(IsOk(SetCacheSize(driver, qvr::kDriverCacheSize)));
 
@@ -126,7 +126,7 @@ TEST(SimDriverTest, UploadSizeIsNeverTrusted) {
   FakeClient early = Upload(16, 16, 0x11);
   EXPECT_EQ(early.Send(driver, QVR_KORVA_IOCTL_SET_PARAM).error, EINVAL);
 
-  ASSERT_TRUE(IsOk(SelectBlock(driver, 5, 1)));
+  ASSERT_TRUE(IsOk(SelectBlock(driver, 5, 1))) << "the last block ends exactly at the cache's end";
   // Reaching one byte past the end of the cache from the last block.
   FakeClient pastEnd = Upload(static_cast<int32_t>(qvr::kCacheBlockSize) + 1, qvr::kCacheBlockSize + 1, 0x22);
   EXPECT_EQ(pastEnd.Send(driver, QVR_KORVA_IOCTL_SET_PARAM).error, EINVAL);
@@ -141,18 +141,14 @@ TEST(SimDriverTest, UploadSizeIsNeverTrusted) {
   truncated.memory.assign(8, 0);
   EXPECT_EQ(truncated.Send(driver, QVR_KORVA_IOCTL_SET_PARAM).error, EFAULT);
 
-  EXPECT_TRUE(All(driver.cache().begin(), driver.cache().end(), 0))
-      << "no refused upload reached the cache";
+  EXPECT_TRUE(All(driver.cache().begin(), driver.cache().end(), 0)) << "no refused upload reached the cache";
   EXPECT_FALSE(driver.blocks().at(5).uploaded);
-}
 
-TEST(SimDriverTest, CacheBlockMustFitTheCache) {
-  Driver driver(DriverConfig{});
-  EXPECT_EQ(SelectBlock(driver, 0, 1).error, EINVAL) << "no cache yet";
-  ASSERT_TRUE(IsOk(SetCacheSize(driver, qvr::kDriverCacheSize)));
-  EXPECT_TRUE(IsOk(SelectBlock(driver, 5, 1))) << "the last block ends exactly at the cache's end";
+  // A block must fit the cache, which must exist.
   EXPECT_EQ(SelectBlock(driver, 6, 1).error, EINVAL);
   EXPECT_EQ(SetCacheSize(driver, -1).error, EINVAL);
+  Driver noCache(DriverConfig{});
+  EXPECT_EQ(SelectBlock(noCache, 0, 1).error, EINVAL) << "no cache yet";
 }
 
 TEST(SimDriverTest, QueryReplyStaysInsideTheDescribedSpace) {
