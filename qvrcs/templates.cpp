@@ -12,7 +12,7 @@
 #include <cstdint>
 #include <iterator>
 #include <string>
-#include <unordered_map>
+#include <string_view>
 #include <vector>
 
 #include "qvrcs/block_io.h"
@@ -181,20 +181,24 @@ class FieldDefaults {
   FieldDefaults(std::vector<FieldInfo> map, BlockView block)
       : map_(std::move(map)), block_(block), done_(map_.size(), false) {
     // Map entries by field: a scalar "path", or the slots "path[i]" of an
-    // array under their common "path". Built once, so that each default is
-    // found without a walk over the whole map.
+    // array under their common "path". Sorted once (views into the map's own
+    // paths, no copies), so that each default is found by a binary search;
+    // the sort is stable, so an array's slots stay in offset order.
+    fields_.reserve(map_.size());
     for (size_t i = 0; i < map_.size(); ++i) {
-      const std::string& path = map_[i].path;
-      const size_t bracket = path.find('[');
-      Field& field = fields_[bracket == std::string::npos ? path : path.substr(0, bracket)];
-      field.entries.push_back(i);
-      if (bracket != std::string::npos) field.firstSlot = std::min(field.firstSlot, map_[i].offset);
+      const std::string_view path = map_[i].path;
+      fields_.push_back(Entry{path.substr(0, path.find('[')), i});
     }
+    std::stable_sort(fields_.begin(), fields_.end(),
+                     [](const Entry& a, const Entry& b) { return a.field < b.field; });
   }
 
   template <size_t N>
   void Apply(const std::string& record, const Default (&defaults)[N]) {
-    for (const Default& entry : defaults) Apply(record + "." + entry.field, entry.values);
+    for (const Default& entry : defaults) {
+      path_.assign(record).append(".").append(entry.field);
+      Apply(path_, entry.values);
+    }
   }
 
   // The reserved half-words, the one every conversion clears included.
@@ -215,23 +219,28 @@ class FieldDefaults {
   }
 
  private:
-  struct Field {
-    std::vector<size_t> entries;  // map entries, in map order
-    size_t firstSlot = SIZE_MAX;  // lowest offset among an array's slots
+  struct Entry {
+    std::string_view field;  // the map entry's path without its "[i]"
+    size_t index;            // into the map
   };
 
-  void Apply(const std::string& path, const std::array<int32_t, 7>& values) {
-    const auto field = fields_.find(path);
-    if (field == fields_.end()) {
+  void Apply(std::string_view path, const std::array<int32_t, 7>& values) {
+    const auto [first, last] = std::equal_range(
+        fields_.begin(), fields_.end(), Entry{path, 0},
+        [](const Entry& a, const Entry& b) { return a.field < b.field; });
+    if (first == last) {
       ok_ = false;
       return;
     }
-    for (const size_t i : field->second.entries) {
-      const FieldInfo& info = map_[i];
+    // The lowest offset among an array's slots: its first entry, the map
+    // being in offset order.
+    const size_t firstSlot = map_[first->index].offset;
+    for (auto entry = first; entry != last; ++entry) {
+      const FieldInfo& info = map_[entry->index];
       // A scalar takes the first value; an array slot the value of its
       // position from the array's lowest offset.
       const bool slotOfArray = info.path.size() != path.size();
-      const size_t slot = slotOfArray ? (info.offset - field->second.firstSlot) / 4 : 0;
+      const size_t slot = slotOfArray ? (info.offset - firstSlot) / 4 : 0;
       if (slot >= values.size()) {
         ok_ = false;
         continue;
@@ -241,14 +250,15 @@ class FieldDefaults {
       } else {
         StoreI32(block_, info.offset, values[slot]);
       }
-      done_[i] = true;
+      done_[entry->index] = true;
     }
   }
 
   std::vector<FieldInfo> map_;
   BlockView block_;
   std::vector<bool> done_;
-  std::unordered_map<std::string, Field> fields_;
+  std::vector<Entry> fields_;  // by field, then map order
+  std::string path_;           // the default being applied
   bool ok_ = true;
 };
 
