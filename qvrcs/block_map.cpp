@@ -101,4 +101,26 @@ const FieldInfo* FindField(const std::vector<FieldInfo>& map, const std::string&
   return nullptr;
 }
 
+std::vector<PathStep> SplitFieldPath(const std::string& path) {
+  std::vector<PathStep> steps;
+  for (size_t start = 0; start <= path.size();) {
+    size_t end = path.find('.', start);
+    if (end == std::string::npos) end = path.size();
+    PathStep step{path.substr(start, end - start), -1};
+    if (const size_t bracket = step.name.find('['); bracket != std::string::npos) {
+      int index = 0;
+      for (size_t i = bracket + 1; i < step.name.size(); ++i) {
+        const char digit = step.name[i];
+        if (digit < '0' || digit > '9') break;
+        index = index * 10 + (digit - '0');
+      }
+      step.index = index;
+      step.name.resize(bracket);
+    }
+    steps.push_back(std::move(step));
+    start = end + 1;
+  }
+  return steps;
+}
+
 }  // namespace qvrcs

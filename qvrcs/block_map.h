@@ -39,4 +39,13 @@ std::vector<FieldInfo> PostmixControlFieldMap();
 // The entry of `map` named `path` (first match), or nullptr.
 const FieldInfo* FindField(const std::vector<FieldInfo>& map, const std::string& path);
 
+// One step of a source path: a field name and, for "name[i]", the element index.
+struct PathStep {
+  std::string name;
+  int index = -1;  // -1 when the step names no element
+};
+
+// Splits a source path such as "postmix.zell_input_gain[3]" into its steps.
+std::vector<PathStep> SplitFieldPath(const std::string& path);
+
 }  // namespace qvrcs

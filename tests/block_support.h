@@ -17,6 +17,7 @@
 #include <vector>
 
 #include "qvrcs/block_io.h"
+#include "qvrcs/block_map.h"
 #include "qvrcs/layout.h"
 #include "qvrcs/qvrcs.h"
 #include "qvrcs/templates.h"
@@ -175,21 +176,15 @@ struct PathTarget {
 
 inline PathTarget Resolve(google::protobuf::Message& root, const std::string& path) {
   google::protobuf::Message* message = &root;
-  for (size_t start = 0;;) {
-    const size_t dot = path.find('.', start);
-    std::string name = path.substr(start, dot == std::string::npos ? std::string::npos : dot - start);
-    int index = -1;
-    if (const size_t bracket = name.find('['); bracket != std::string::npos) {
-      index = std::stoi(name.substr(bracket + 1));
-      name.resize(bracket);
-    }
-    const auto* field = message->GetDescriptor()->FindFieldByName(name);
+  const std::vector<qvrcs::PathStep> steps = qvrcs::SplitFieldPath(path);
+  for (size_t i = 0; i < steps.size(); ++i) {
+    const auto* field = message->GetDescriptor()->FindFieldByName(steps[i].name);
     if (field == nullptr) return PathTarget{};
-    if (dot == std::string::npos) return PathTarget{message, field, index};
+    if (i + 1 == steps.size()) return PathTarget{message, field, steps[i].index};
     if (field->cpp_type() != google::protobuf::FieldDescriptor::CPPTYPE_MESSAGE) return PathTarget{};
     message = message->GetReflection()->MutableMessage(message, field);
-    start = dot + 1;
   }
+  return PathTarget{};
 }
 
 // Sets the int32 field at `path`; false when the path names no such field.

@@ -492,21 +492,14 @@ ListeningModelList ModelsOf(const KorvaSettings& settings) {
 
 bool ValueAt(const KorvaSettings& settings, const std::string& path, int32_t& value) {
   const gp::Message* message = &settings;
-  size_t start = 0;
-  while (true) {
-    const size_t dot = path.find('.', start);
-    std::string name = path.substr(start, dot == std::string::npos ? std::string::npos : dot - start);
-    int index = -1;
-    const size_t bracket = name.find('[');
-    if (bracket != std::string::npos) {
-      index = std::atoi(name.c_str() + bracket + 1);
-      name.resize(bracket);
-    }
-    const gp::FieldDescriptor* field = message->GetDescriptor()->FindFieldByName(name);
+  const std::vector<qvrcs::PathStep> steps = qvrcs::SplitFieldPath(path);
+  for (size_t i = 0; i < steps.size(); ++i) {
+    const gp::FieldDescriptor* field = message->GetDescriptor()->FindFieldByName(steps[i].name);
     if (field == nullptr) return false;
     const gp::Reflection* reflection = message->GetReflection();
-    if (dot == std::string::npos) {
+    if (i + 1 == steps.size()) {
       if (field->cpp_type() != gp::FieldDescriptor::CPPTYPE_INT32) return false;
+      const int index = steps[i].index;
       if (field->is_repeated()) {
         if (index < 0 || index >= reflection->FieldSize(*message, field)) return false;
         value = reflection->GetRepeatedInt32(*message, field, index);
@@ -521,8 +514,8 @@ bool ValueAt(const KorvaSettings& settings, const std::string& path, int32_t& va
       return false;
     }
     message = &reflection->GetMessage(*message, field);
-    start = dot + 1;
   }
+  return false;
 }
 
 const SectionOrigin* Analysis::Section(const std::string& name) const {
