@@ -80,6 +80,10 @@ std::vector<std::string> NodeRuleTexts(const std::string& nodes, const std::vect
 // whose rules count both opens and time.
 bool ParseNodeRules(const std::vector<std::string>& texts, std::vector<korva_sim::NodeRule>& rules,
                     std::string& error) {
+  if (texts.size() > korva_sim::kMaxNodeRules) {
+    error = "--node: more than " + std::to_string(korva_sim::kMaxNodeRules) + " rules";
+    return false;
+  }
   for (const std::string& text : texts) {
     korva_sim::NodeRule rule;
     if (!korva_sim::ParseNodeRule(text, rule)) {
@@ -318,11 +322,12 @@ int main(int argc, char** argv) {
       ->type_name("REQUEST[#N]=VALUE")
       ->allow_extra_args(false)
       ->multi_option_policy(CLI::MultiOptionPolicy::TakeAll);
-  app.add_option("--capture", config.captureDir,
+  CLI::Option* capture = app.add_option("--capture", config.captureDir,
                  "record every request in DIR/requests.jsonl and DIR/NNNN-REQUEST.bin; DIR must be "
                  "empty or new")
       ->type_name("DIR");
-  app.add_flag("--force", config.clearCapture, "clear an earlier capture from the --capture folder first");
+  app.add_flag("--force", config.clearCapture, "clear an earlier capture from the --capture folder first")
+      ->needs(capture);
   app.add_flag("--summary", summary, "print what happened and what the driver holds after the run");
   app.add_option("--dump-cache", dumpCache, "write the final cache to FILE")->type_name("FILE");
   try {

@@ -21,6 +21,9 @@ constexpr size_t kNodeCount = std::size(kNodeNames);
 
 constexpr std::string_view kStateNames[] = {"present", "absent", "denied"};
 
+// Most rules one run takes (the preload keeps them in a fixed array).
+constexpr size_t kMaxNodeRules = 64;
+
 // When a rule's state begins: at once, from the N-th open of its node (from
 // 1), or from a time of the program's own monotonic clock, counted from the
 // program's start.

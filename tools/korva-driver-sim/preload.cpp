@@ -46,11 +46,10 @@ using korva_sim::NodeState;
 
 constexpr const char* kNodePaths[kNodeCount] = {kQvrKorvaHardwareNode, kQvrKorvaSoftwareNode};
 constexpr size_t kUploadSize = sizeof(qvr_korva_upload);
-constexpr size_t kMaxRules = 64;
 
 struct Settings {
   bool ready = false;
-  NodeRule rules[kMaxRules];
+  NodeRule rules[korva_sim::kMaxNodeRules];
   size_t ruleCount = 0;
   uint64_t failAlloc = 0;  // 0: no allocation fails
   const char* events = nullptr;
@@ -75,7 +74,7 @@ void Setup() {
   g_settings.failAlloc = ParseNumber(std::getenv(KORVA_SIM_FAIL_ALLOC_VARIABLE));
   const char* rules = std::getenv(KORVA_SIM_NODE_RULES_VARIABLE);
   std::string_view rest = rules != nullptr ? rules : "";
-  while (!rest.empty() && g_settings.ruleCount < kMaxRules) {
+  while (!rest.empty() && g_settings.ruleCount < korva_sim::kMaxNodeRules) {
     const size_t end = rest.find(';');
     if (korva_sim::ParseNodeRule(rest.substr(0, end), g_settings.rules[g_settings.ruleCount])) {
       ++g_settings.ruleCount;
