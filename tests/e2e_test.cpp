@@ -242,24 +242,6 @@ TEST_F(ConfiguratorTest, SearchPathIsRootedAndJoinedWithoutDoubleSlash) {
   EXPECT_EQ(run.status, 0);
 }
 
-TEST_F(ConfiguratorTest, EitherNodeAloneIsUsedTheSoftwareOneAfterAnErrorLine) {
-  WriteTuningSet();
-  for (const auto& [nodes, node] : {std::pair{"sw", "/dev/qvr_korva"}, std::pair{"hw", "/dev/snd/hwC0D2"}}) {
-    SCOPED_TRACE(nodes);
-    const RunResult run = Run({"--nodes", nodes}, {tuningDir_});
-    Lines expected = RunStartLines(LoggedHandle(run));
-    if (std::string(nodes) == "sw") {
-      expected.insert(expected.begin() + 2, "Error opening korva DSP driver (errno 2, No such file or directory). "
-                                            "Attempting to open SOFTWARE driver.");
-    }
-    for (size_t i = 0; i < 6; ++i) Append(expected, SlotLines(i, kSlotSuccess));
-    Append(expected, {"load_settings() returns 0.", "Success setting parameters."});
-    EXPECT_THAT(run.log, ElementsAreArray(expected));
-    ASSERT_EQ(run.requests.size(), 16u);
-    for (const e2e::Request& request : run.requests) EXPECT_EQ(request.node, node);
-  }
-}
-
 // Neither node opens, missing or refused by the security policy: 1002
 // passes, each naming the errno, then the run gives up with exit status 1.
 TEST_F(ConfiguratorTest, NoNodeGivesUpAfter1002Passes) {
