@@ -130,6 +130,14 @@ constexpr const char* qvr_request_name(uint32_t code) {
   return nullptr;
 }
 
+// Whether the configurator takes `answer` to request `code` as a refusal: the
+// parameter query and the volume request fail on a negative answer only; the
+// cache size, cache block and upload requests on any answer but 0.
+constexpr bool qvr_answer_refused(uint32_t code, int64_t answer) {
+  const bool negativeOnly = code == QVR_KORVA_IOCTL_GET_PARAM || code == QVR_KORVA_IOCTL_SET_VOLUME_CONTROLS;
+  return negativeOnly ? answer < 0 : answer != 0;
+}
+
 // ---- Cache blocks ---------------------------------------------------------------
 
 // The device bitmask a slot's tuning goes out with: the combo slot always
