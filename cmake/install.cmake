@@ -13,7 +13,7 @@ install(TARGETS qvr_configurator qvrcs_tool RUNTIME DESTINATION ${CMAKE_INSTALL_
 # so both live in a private folder, reached through a link in the bin folder.
 set(qvr_private_dir ${CMAKE_INSTALL_LIBEXECDIR}/${PROJECT_NAME})
 install(TARGETS korva-driver-sim RUNTIME DESTINATION ${qvr_private_dir})
-install(TARGETS korva-sim-absent-nodes LIBRARY DESTINATION ${qvr_private_dir})
+install(TARGETS korva-sim-preload LIBRARY DESTINATION ${qvr_private_dir})
 file(RELATIVE_PATH qvr_sim_link_target
   /${CMAKE_INSTALL_BINDIR} /${qvr_private_dir}/korva-driver-sim)
 install(CODE "
