@@ -40,3 +40,9 @@ set(ENV{PKG_CONFIG_SYSROOT_DIR} "${QVR_SYSROOT}")
 # with the sysroot as the root of the target's own loader and libraries.
 find_program(QVR_QEMU qemu-${QVR_QEMU_ARCH}-static REQUIRED)
 set(CMAKE_CROSSCOMPILING_EMULATOR "${QVR_QEMU};-L;${QVR_SYSROOT}")
+
+# The target's liblog lives in a private folder (.../android), reached through
+# the programs' run path. qemu-arm looks some file-status calls up outside the
+# sysroot, which makes the target's loader drop that folder: the sysroot's
+# copy of it, named by its host path, is found on every emulator.
+set(CMAKE_EXE_LINKER_FLAGS_INIT "-Wl,-rpath,${QVR_SYSROOT}/usr/lib/${QVR_CROSS_TRIPLE}/android")

@@ -64,6 +64,9 @@ if [ "$(cat "$sysroot.stamp" 2>/dev/null)" != "$stamp" ]; then
   include=$(IFS=,; echo "${sysroot_packages[*]}")
   mmdebstrap --quiet --variant=extract --architectures="$arch" --include="$include" \
     "$VERSION_CODENAME" "$sysroot" "${sources[@]}"
+  # qemu looks up a target program's absolute paths in the sysroot first: its
+  # /dev (a ptmx with no devpts beside it) would hide the host's.
+  rm -rf "$sysroot/dev"
   echo "$stamp" > "$sysroot.stamp"
 fi
 export QVR_SYSROOT=$sysroot
@@ -105,7 +108,8 @@ cmake --build "$build" -j"$jobs"
 ctest --test-dir "$build" --output-on-failure -j"$jobs" "${ctest_filter[@]}"
 
 # ---- 4. The example set on the target and on the host ------------------------------
-# The host's build (scripts/test.sh makes it first); only what the run needs.
+# The host's build (scripts/test.sh makes it first): only what the run needs
+# is brought up to date.
 host=$root/build
 capture_run() {  # build dir, capture dir, log file
   rm -rf "$2"
@@ -113,10 +117,8 @@ capture_run() {  # build dir, capture dir, log file
     "$1/configurator/qvr_configurator" "$1/examples/tuning" 2> "$3"
 }
 if [ ${#ctest_filter[@]} -eq 0 ]; then
-  if [ ! -x "$host/configurator/qvr_configurator" ] || [ ! -d "$host/examples/tuning" ]; then
-    cmake -S . -B "$host" -DCMAKE_BUILD_TYPE=RelWithDebInfo
-    cmake --build "$host" -j"$jobs" --target qvr_configurator korva-driver-sim examples
-  fi
+  [ -f "$host/CMakeCache.txt" ] || cmake -S . -B "$host" -DCMAKE_BUILD_TYPE=RelWithDebInfo
+  cmake --build "$host" -j"$jobs" --target qvr_configurator korva-driver-sim examples
   compare=$build/compare
   mkdir -p "$compare"
   capture_run "$build" "$compare/target" "$compare/target.log"
@@ -162,8 +164,8 @@ fi
 platform_flags=(--target="$triple" --sysroot="$sysroot" -std=c++17 -Wall -Wextra -Werror
   -fno-exceptions -fno-rtti -DGOOGLE_PROTOBUF_NO_RTTI
   -I"$root" -isystem "$build/proto/cpp" -isystem "$sysroot/usr/include/android")
-platform_sources=(configurator/*.cpp qvrcs/*.cpp "$build"/proto/cpp/*.pb.cc)
-say "clang ${platform_flags[*]:3:7} on ${#platform_sources[@]} sources"
+platform_sources=(configurator/*.cpp qvrcs/*.cpp "$build"/proto/cpp/*.pb.cc examples/gen/coefgen.cpp)
+say "clang ${platform_flags[*]:3:6} on ${#platform_sources[@]} sources"
 printf '%s\n' "${platform_sources[@]}" |
   xargs -P "$jobs" -I{} clang++ "${platform_flags[@]}" -fsyntax-only {}
 say "done"
