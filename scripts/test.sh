@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
-# Installs what is needed, builds, and runs the whole test suite: as is
-# and under AddressSanitizer + UndefinedBehaviorSanitizer.
+# Installs what is needed, builds, and runs the whole test suite: as is,
+# under AddressSanitizer + UndefinedBehaviorSanitizer, and on arm64 and armhf
+# under emulation.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 bash scripts/install-deps.sh
@@ -22,6 +23,13 @@ cmake -S . -B build-asan -DCMAKE_BUILD_TYPE=Debug -DQVR_SANITIZE=ON -DQVR_BUILD_
 cmake --build build-asan -j"$jobs"
 ASAN_OPTIONS=verify_asan_link_order=0:detect_leaks=1 \
   ctest --test-dir build-asan --output-on-failure -j"$jobs"
+
+# The device architectures: cross builds whose suite runs under qemu, the
+# example set's requests compared with this host's, the clang platform-flags
+# check (scripts/cross-test.sh).
+for arch in arm64 armhf; do
+  bash scripts/cross-test.sh "$arch"
+done
 
 # The fuzz targets (clang, their own build tree): every corpus input
 # replayed, then each target fuzzed for QVR_FUZZ_SECONDS (default 60).
