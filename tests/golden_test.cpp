@@ -1,0 +1,72 @@
+// Every example tuning file, read by the reader's own steps, against the whole
+// payload it uploaded when the fixture was made (tests/golden/<name>.hex),
+// and the conversion's trace against the bytes it describes.
+//
+// The fixtures change only on purpose: run
+//   cmake --build build --target update_goldens
+// and review the difference.
+#include <gtest/gtest.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <fstream>
+#include <memory>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include "configurator/payload.h"
+#include "configurator/tuning_reader.h"
+#include "fuzz/block_checks.h"
+
+namespace {
+
+constexpr size_t kRow = 32;
+constexpr const char* kNames[] = {"headphones", "usb_headset", "lineout", "bluetooth", "combo", "speaker", "max"};
+
+std::string Hex(const std::vector<uint8_t>& payload, const std::string& name) {
+  std::string text = "# Cache block payload of examples/src/" + name +
+                     ".textproto as the configurator uploads it.\n"
+                     "# 32 bytes a line, by payload offset; lines not listed are zero. Regenerate with\n"
+                     "# cmake --build build --target update_goldens (only when the output is meant to change).\n";
+  char cell[24];
+  for (size_t row = 0; row < payload.size(); row += kRow) {
+    bool zero = true;
+    for (size_t i = row; i < row + kRow; ++i) zero = zero && payload[i] == 0;
+    if (zero) continue;
+    std::snprintf(cell, sizeof cell, "%05zx: ", row);
+    text += cell;
+    for (size_t i = row; i < row + kRow; ++i) {
+      std::snprintf(cell, sizeof cell, "%02x", payload[i]);
+      text += cell;
+    }
+    text += "\n";
+  }
+  return text;
+}
+
+TEST(GoldenTest, ExamplesUploadTheirFixturesAndTheTraceTellsWhatTheBlocksHold) {
+  const char* update = std::getenv("QVR_UPDATE_GOLDENS");
+  for (const char* name : kNames) {
+    SCOPED_TRACE(name);
+    const std::string path = std::string(QVR_EXAMPLES_DIR) + "/" + name + ".bin";
+    std::vector<uint8_t> payload(qvr::kCacheBlockSize, 0);
+    auto reading = std::make_unique<qvr::TuningReading>();
+    qvrcs::ConversionTrace trace;
+    ASSERT_EQ(qvr::ReadTuningFile(path.c_str(), payload.data(), *reading, qvr::LogSink{}, &trace), 0);
+    EXPECT_EQ(fuzz::TraceMismatch(trace, reading->premix.data(), reading->postmix.data()), "");
+
+    const std::string fixture = std::string(QVR_GOLDEN_DIR) + "/" + name + ".hex";
+    if (update != nullptr) {
+      std::ofstream(fixture) << Hex(payload, name);
+      continue;
+    }
+    std::ifstream in(fixture);
+    ASSERT_TRUE(in) << fixture;
+    std::stringstream expected;
+    expected << in.rdbuf();
+    EXPECT_EQ(Hex(payload, name), expected.str()) << "the payload differs from " << fixture;
+  }
+}
+
+}  // namespace
