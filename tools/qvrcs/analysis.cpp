@@ -8,15 +8,11 @@
 
 namespace qvrcs_tool {
 
-using com::qvr::pb::coef::Aeq;
-using com::qvr::pb::coef::CoefTable;
-using com::qvr::pb::model::headphoneEq;
-using com::qvr::pb::model::listeningModel;
-using com::qvr::pb::model::roomModel;
+namespace model = com::qvr::pb::model;
 using qvrcs::SectionId;
 using qvrcs::TraceEvent;
 using qvrcs::TraceKind;
-using Tables = google::protobuf::RepeatedPtrField<CoefTable>;
+using Tables = google::protobuf::RepeatedPtrField<com::qvr::pb::coef::CoefTable>;
 
 namespace {
 
@@ -43,7 +39,7 @@ std::string RatesAndSizes(const Tables& tables, bool coeff16) {
   if (tables.empty()) return "it has no tables";
   std::string text = "its tables: ";
   for (int i = 0; i < tables.size(); ++i) {
-    const CoefTable& t = tables.Get(i);
+    const auto& t = tables.Get(i);
     if (i > 0) text += ", ";
     text += std::to_string(t.samplerate()) + " Hz with " +
             std::to_string(coeff16 ? t.coeff_16_size() : t.coeff_32_size()) + " values";
@@ -103,7 +99,7 @@ void DescribeRoom(const TraceEvent& e, LocatorOutcome& o) {
     o.what = "no listening model holds room " + Quote(o.uuid);
     return;
   }
-  const auto& room = static_cast<const roomModel&>(*e.record);
+  const auto& room = static_cast<const model::roomModel&>(*e.record);
   const std::string name = RecordName("rooms", e, room.uuid());
   o.firstRecord = name;
   if (e.table.index < 0) {
@@ -133,7 +129,7 @@ void DescribeHeadphoneEq(const TraceEvent& e, const std::vector<const TraceEvent
     o.what = "no listening model holds headphone EQ " + Quote(o.uuid) + ": nothing loaded";
     return;
   }
-  const auto& eq = static_cast<const headphoneEq&>(*e.record);
+  const auto& eq = static_cast<const model::headphoneEq&>(*e.record);
   const std::string name = RecordName("headphones", e, eq.uuid());
   o.firstRecord = name;
   if (e.table.index < 0) {
@@ -171,7 +167,7 @@ void DescribeAeq(const TraceEvent& e, const std::vector<const TraceEvent*>& part
     o.what = "no listening model holds AEQ " + Quote(o.uuid);
     return;
   }
-  const auto& aeq = static_cast<const Aeq&>(*e.record);
+  const auto& aeq = static_cast<const com::qvr::pb::coef::Aeq&>(*e.record);
   const std::string name = "AEQ " + RecordName("aeqs", e, aeq.uuid());
   o.firstRecord = RecordName("aeqs", e, aeq.uuid());
   if (e.usableBanks < static_cast<int>(qvrcs::kAeqChannels)) {
@@ -256,14 +252,14 @@ auto WalkOf(A& a, SectionId id) -> decltype(&a.aeqs) {
 // Where else in the file a uuid that the converter could not find sits.
 std::string ElsewhereHint(const Qvrcs& message, const KorvaSettings& settings, const std::string& uuid) {
   for (int m = 0; m < message.model_size(); ++m) {
-    const listeningModel& model = message.model(m);
+    const model::listeningModel& listening = message.model(m);
     auto holds = [&](const auto& records) {
       for (const auto& r : records) {
         if (QVRCS_UuidEqualsIgnoreCase(r.uuid(), uuid)) return true;
       }
       return false;
     };
-    if (holds(model.rooms()) || holds(model.headphones()) || holds(model.aeqs())) {
+    if (holds(listening.rooms()) || holds(listening.headphones()) || holds(listening.aeqs())) {
       return " (it is in the file's top-level model[" + std::to_string(m) +
              "], which the configurator does not search: only postmix.model is)";
     }
