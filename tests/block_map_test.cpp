@@ -63,21 +63,5 @@ TEST(BlockMapTest, MapsMatchTheConvertersFieldForField) {
                             });
 }
 
-TEST(BlockMapTest, PathsNameTheSettingsFieldsForPresenceTests) {
-  const std::vector<FieldInfo> map = qvrcs::PostmixControlFieldMap();
-  const FieldInfo* gain = qvrcs::FindField(map, "postmix.zell_input_gain[3]");
-  ASSERT_NE(gain, nullptr);
-  EXPECT_EQ(gain->offset, 24u);  // element 3 goes to channel slot 0
-  EXPECT_EQ(qvrcs::FindField(map, "postmix.zell_input_gain[6]"), nullptr);
-  const FieldInfo* level = qvrcs::FindField(map, "postmix.velmo.gorm.level");
-  ASSERT_NE(level, nullptr);
-  EXPECT_EQ(level->width, 16u);
-
-
-  const std::vector<FieldInfo> premix = qvrcs::PremixFieldMap();
-  EXPECT_NE(qvrcs::FindField(premix, "premix.enhance2.ref_htest[6]"), nullptr);
-  EXPECT_EQ(qvrcs::FindField(premix, "premix.enhance2.limiter"), nullptr);
-}
-
 }  // namespace
 }  // namespace block_test

@@ -13,6 +13,7 @@
 #include <cstdlib>
 #include <fstream>
 #include <memory>
+#include <set>
 #include <sstream>
 #include <string>
 #include <vector>
@@ -71,6 +72,7 @@ TEST(GoldenTest, TemplatesMatchTheirFixture) {
 }
 
 TEST(GoldenTest, ExamplesUploadTheirFixturesAndTheTraceTellsWhatTheBlocksHold) {
+  std::set<qvrcs::SectionKind> loaded;
   for (const char* name : kNames) {
     SCOPED_TRACE(name);
     const std::string path = std::string(QVR_EXAMPLES_DIR) + "/" + name + ".bin";
@@ -79,11 +81,20 @@ TEST(GoldenTest, ExamplesUploadTheirFixturesAndTheTraceTellsWhatTheBlocksHold) {
     qvrcs::ConversionTrace trace;
     ASSERT_EQ(qvr::ReadTuningFile(path.c_str(), payload.data(), *reading, qvr::LogSink{}, &trace), 0);
     EXPECT_EQ(fuzz::TraceMismatch(trace, reading->premix.data(), reading->postmix.data()), "");
+    // No locator of an example fails, and between them the examples load
+    // rooms, headphone EQs and AEQs.
+    for (const qvrcs::TraceEvent& e : trace.events) {
+      if (e.kind != qvrcs::TraceKind::kLocator) continue;
+      EXPECT_GE(e.status, 0) << qvrcs::Section(e.section).name << " locator " << e.locator;
+      if (e.status == 0) loaded.insert(qvrcs::Section(e.section).kind);
+    }
 
     ExpectFixture(name, payload,
                   "Cache block payload of examples/src/" + std::string(name) +
                       ".textproto as the configurator uploads it.");
   }
+  EXPECT_EQ(loaded, (std::set<qvrcs::SectionKind>{qvrcs::SectionKind::kRoom, qvrcs::SectionKind::kHeadphoneEq,
+                                                  qvrcs::SectionKind::kAeq}));
 }
 
 }  // namespace
