@@ -170,16 +170,12 @@ void DescribeAeq(const TraceEvent& e, const std::vector<const TraceEvent*>& part
   const auto& aeq = static_cast<const com::qvr::pb::coef::Aeq&>(*e.record);
   const std::string name = "AEQ " + RecordName("aeqs", e, aeq.uuid());
   o.firstRecord = RecordName("aeqs", e, aeq.uuid());
-  if (e.usableBanks < static_cast<int>(qvrcs::kAeqChannels)) {
-    o.what = name + " has " + std::to_string(e.banks) + " filter banks" +
-             (e.filtered ? ", " + std::to_string(e.usableBanks) + " with a " + kRate + " IIR table" : "") +
-             ": two are needed";
-    return;
-  }
+  int channel = -1;
   std::string text = name + ":";
   for (const TraceEvent* part : parts) {
     if (part->kind == TraceKind::kChannel) {
-      text += (part->channel ? "," : "") + std::string(" channel ") + std::to_string(part->channel) + " from bank " +
+      channel = part->channel;
+      text += (channel ? "," : "") + std::string(" channel ") + std::to_string(channel) + " from bank " +
               std::to_string(part->entry);
       if (part->table.index < 0) {
         text += " which has no " + kRate + " IIR table (" +
@@ -190,23 +186,26 @@ void DescribeAeq(const TraceEvent& e, const std::vector<const TraceEvent*>& part
         o.sampleRate = part->table.sampleRate;
       }
     } else if (part->kind == TraceKind::kRun) {
-      const int channel = part->offset >= qvrcs::kAeqRecord + qvrcs::kAeqChannel1 ? 1 : 0;
       const std::string over = RunOverrun(name + " channel " + std::to_string(channel), *part);
       if (!over.empty()) o.overruns.push_back(over);
       o.end = std::max(o.end, part->end);
     }
   }
+  if (channel < 0) {
+    // The loader gave up before choosing its channels' banks.
+    text = name + " has " + std::to_string(e.banks) + " filter banks" +
+           (e.filtered ? ", " + std::to_string(e.usableBanks) + " with a " + kRate + " IIR table" : "") +
+           ": two are needed";
+  }
   o.what = text;
 }
 
-// The last locator whose record was written (rooms, headphone EQ) or the
-// first (AEQ), as the section's source.
-void FromLocators(const std::vector<LocatorOutcome>& walk, bool firstWins, SectionOrigin& origin) {
+// The last locator whose record was written, as the section's source: a
+// failing locator writes no record of its own over it.
+void FromLocators(const std::vector<LocatorOutcome>& walk, SectionOrigin& origin) {
   const LocatorOutcome* chosen = nullptr;
   for (const LocatorOutcome& o : walk) {
-    if (o.status != QVRCS_OK) continue;
-    chosen = &o;
-    if (firstWins) break;
+    if (o.status == QVRCS_OK) chosen = &o;
   }
   if (chosen == nullptr) return;
   origin.fromFile = true;
@@ -215,16 +214,14 @@ void FromLocators(const std::vector<LocatorOutcome>& walk, bool firstWins, Secti
   origin.end = chosen->end;
 }
 
-void FromRun(const TraceEvent& run, SectionOrigin& origin, std::vector<std::string>* overruns) {
+void FromRun(const TraceEvent& run, SectionOrigin& origin, std::vector<std::string>& overruns) {
   const qvrcs::SectionInfo& section = qvrcs::Section(run.section);
   origin.fromFile = true;
   origin.source = std::string(section.source) + "[" + std::to_string(run.table.index) + "]";
   origin.end = run.end;
   origin.detail = kRate + ", " + std::to_string(run.count) + " values, ends at byte " + std::to_string(run.end);
-  if (overruns != nullptr) {
-    const std::string over = RunOverrun(origin.source, run);
-    if (!over.empty()) overruns->push_back(over);
-  }
+  const std::string over = RunOverrun(origin.source, run);
+  if (!over.empty()) overruns.push_back(over);
 }
 
 bool IsLocatorSection(SectionId id) {
@@ -348,15 +345,12 @@ Analysis Analyse(const Conversion& conversion) {
   }
   for (SectionId id : {SectionId::kMultichRoom, SectionId::kFrontRoom, SectionId::kWideRoom, SectionId::kHeadphoneEq,
                        SectionId::kAeq}) {
-    FromLocators(*WalkOf(a, id), id == SectionId::kAeq, a.sections[IndexOf(id)]);
+    FromLocators(*WalkOf(a, id), a.sections[IndexOf(id)]);
   }
   for (const qvrcs::SectionInfo& s : qvrcs::kPostmixSections) {
     const TraceEvent* run = lastRun[IndexOf(s.id)];
     if (run == nullptr) continue;
-    // The high-pass sections take one table that fits; the others every
-    // table for the rate, unbounded: only those can run over.
-    const bool unbounded = s.id != SectionId::kHighPassCoefs && s.id != SectionId::kVelmoHighPassCoefs;
-    FromRun(*run, a.sections[IndexOf(s.id)], unbounded ? &a.overruns : nullptr);
+    FromRun(*run, a.sections[IndexOf(s.id)], a.overruns);
   }
   return a;
 }
