@@ -12,6 +12,8 @@ packages=(
   libcli11-dev nlohmann-json3-dev
   clang libclang-rt-14-dev
   valgrind
+  libkissfft-dev libplplot-dev plplot-driver-cairo fonts-dejavu-core
+  chromium libpng-dev
 )
 SUDO=""
 if [ "$(id -u)" -ne 0 ]; then SUDO="sudo"; fi
