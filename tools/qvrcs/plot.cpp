@@ -1,6 +1,7 @@
 #include "tools/qvrcs/plot.h"
 
 #include <plplot/plplot.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -17,7 +18,9 @@ namespace {
 
 constexpr int kPageWidth = 1200;
 constexpr int kRowHeight = 300;
-constexpr size_t kMaxDrawnPoints = 2000;  // per line; longer lines are drawn as their min/max envelope
+constexpr size_t kMaxDrawnPoints = 1200;  // per line; longer lines are drawn as their min/max envelope
+// The legend's text size is relative to the page, not to the current character size.
+constexpr PLFLT kLegendTextScale = 0.6;
 
 // Colour map 0: background, foreground, then one colour per channel.
 constexpr int kBackground = 0;
@@ -188,7 +191,7 @@ void Row(const std::vector<PlotFile>& files, const FilterResponse& f, size_t row
                                   : PL_POSITION_OUTSIDE | PL_POSITION_RIGHT;
   pllegend(&legendWidth, &legendHeight, PL_LEGEND_BACKGROUND | PL_LEGEND_BOUNDING_BOX, position, 0.01, 0.0,
            0.03, kBackground, kForeground, 1, rowsInLegend, columns, static_cast<PLINT>(labels.size()),
-           options.data(), 0.5, 0.6, 2.0, 0.0, textColours.data(), text.data(), nullptr, nullptr, nullptr, nullptr,
+           options.data(), 0.5, rows == 1 ? kLegendTextScale * 0.85 : kLegendTextScale, 2.0, 0.0, textColours.data(), text.data(), nullptr, nullptr, nullptr, nullptr,
            colours.data(), styles.data(), widths.data(), nullptr, nullptr, nullptr, nullptr);
 
   if (measured) {
@@ -257,6 +260,10 @@ std::string TemporaryNear(const std::string& path) {
   buffer.push_back('\0');
   const int fd = mkstemp(buffer.data());
   if (fd < 0) return {};
+  // mkstemp makes the file private; the output gets the usual mode.
+  const mode_t mask = umask(0);
+  umask(mask);
+  fchmod(fd, 0666 & ~mask);
   close(fd);
   return buffer.data();
 }
