@@ -104,8 +104,20 @@ std::string Status(const SlotReport& slot) {
          EscapeHtml(slot.meaning);
 }
 
+// `svg` with its ids (and the references to them) prefixed, so that the
+// drawings on one page do not take each other's clipping paths.
+std::string UniqueIds(std::string svg, const std::string& prefix) {
+  for (const char* pattern : {"id=\"", "url(#"}) {
+    const std::string from = pattern;
+    for (size_t at = svg.find(from); at != std::string::npos; at = svg.find(from, at + from.size() + prefix.size())) {
+      svg.insert(at + from.size(), prefix);
+    }
+  }
+  return svg;
+}
+
 // The explain summary of the sections past the control section, and the plots.
-std::string FileSection(const std::string& path) {
+std::string FileSection(const std::string& path, int& figure) {
   Input input;
   std::string error;
   if (!ReadInput(path, InputKind::kAuto, input, error)) {
@@ -125,7 +137,7 @@ std::string FileSection(const std::string& path) {
   const std::vector<FilterResponse> filters = FiltersOf(input, {});
   std::string svg;
   if (!DrawSvg({PlotFile{path, filters}}, svg, error)) return html + "<p class=\"fails\">" + EscapeHtml(error) + "</p>\n";
-  html += "<figure class=\"plot\">" + svg + "<figcaption>";
+  html += "<figure class=\"plot\">" + UniqueIds(svg, "p" + std::to_string(++figure) + "-") + "<figcaption>";
   for (const FilterResponse& f : filters) {
     html += "<div><code>" + EscapeHtml(f.section) + "</code>: " +
             EscapeHtml(f.facts.source.empty() ? "nothing loaded" : f.facts.source) + "; " + EscapeHtml(f.header);
@@ -137,7 +149,7 @@ std::string FileSection(const std::string& path) {
   return html + "</figcaption></figure>\n";
 }
 
-std::string DirSection(const std::string& dir) {
+std::string DirSection(const std::string& dir, int& figure) {
   std::string html = "<section><h2>" + EscapeHtml(dir) + "</h2>\n";
   const CheckReport report = Check(dir);
   if (!report.configOk) {
@@ -168,7 +180,7 @@ std::string DirSection(const std::string& dir) {
     if (shown[slot.path]) continue;
     shown[slot.path] = true;
     html += "<h3>" + EscapeHtml(slot.filename) + " <small>(" + EscapeHtml(slot.slot) + ")</small></h3>\n" +
-            FileSection(slot.path);
+            FileSection(slot.path, figure);
   }
   return html + "</section>\n";
 }
@@ -273,7 +285,8 @@ std::string ReportPage(const std::vector<std::string>& dirs) {
       "img-src data:\">\n<title>qvrcs report</title>\n<style>";
   html += kStyle;
   html += "</style></head><body>\n<h1>qvrcs report</h1>\n";
-  for (const std::string& dir : dirs) html += DirSection(dir);
+  int figure = 0;
+  for (const std::string& dir : dirs) html += DirSection(dir, figure);
   return html + "</body></html>\n";
 }
 
