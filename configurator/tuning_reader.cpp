@@ -18,7 +18,6 @@ namespace {
 
 constexpr int32_t kResultOk = 0;
 constexpr int32_t kResultFailed = -4;
-constexpr uint32_t kDspSampleRate = 48000;
 
 // Log lines of this file.
 constexpr char kLogNullArgument[] = "Error:  filename or outData is NULL";
@@ -61,7 +60,7 @@ int32_t QVRCS_GetPremixData(const char* filename, uint8_t* outData) {
 
   Qvrcs message;
   ConversionContext context;
-  QVRCS_InitContext(context, kDspSampleRate);
+  QVRCS_InitContext(context, qvr::kDspSampleRate);
 
   // A file that does not parse is deliberately not reported: the caller
   // uploads the payload as it stands.

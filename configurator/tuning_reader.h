@@ -6,6 +6,11 @@
 #include "korva_v1_1.pb.h"
 #include "qvrcsPB.pb.h"
 
+namespace qvr {
+// The rate every conversion works at: the DSP's.
+constexpr uint32_t kDspSampleRate = 48000;
+}  // namespace qvr
+
 // Parses `filename` as a Qvrcs tuning file, converts the selected korva_v1_1
 // settings and, when both conversions succeed, writes the premix block at
 // payload offset 0 and the postmix block at payload offset 176 of `outData`

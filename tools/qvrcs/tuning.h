@@ -8,6 +8,7 @@
 #include <string>
 #include <vector>
 
+#include "configurator/tuning_reader.h"
 #include "korva_v1_1.pb.h"
 #include "qvrcs/layout.h"
 #include "qvrcsPB.pb.h"
@@ -18,7 +19,7 @@ using com::qvr::pb::korva_v1_1::KorvaSettings;
 using com::qvr::pb::wbn::Qvrcs;
 
 // The DSP's working rate: the reader converts every file at it.
-constexpr uint32_t kSampleRate = 48000;
+constexpr uint32_t kSampleRate = qvr::kDspSampleRate;
 
 // Status of the reader (QVRCS_GetPremixData) for a failed file.
 constexpr int32_t kReaderFailed = -4;
