@@ -12,6 +12,8 @@ packages=(
   libcli11-dev nlohmann-json3-dev
   clang libclang-rt-14-dev
   valgrind
+  g++-aarch64-linux-gnu g++-arm-linux-gnueabihf qemu-user-static mmdebstrap
+  blueprint-tools
   libkissfft-dev libplplot-dev plplot-driver-cairo fonts-dejavu-core
   chromium libpng-dev
 )

@@ -13,6 +13,7 @@
 
 #include "block_support.h"
 #include "configurator/config_file.h"
+#include "configurator/tuning_reader.h"
 #include "qvrcsPB.pb.h"
 #include "test_support.h"
 #include "tools/qvrcs/report.h"
@@ -82,7 +83,9 @@ Qvrcs RoomTuning(const std::vector<int32_t>& values, uint32_t pairs) {
 
 std::vector<FilterResponse> Filters(const Qvrcs& tuning, const std::vector<std::string>& sections) {
   qvrcs_tool::Input input;
-  input.tuning = std::make_unique<Qvrcs>(tuning);
+  input.reading = std::make_unique<qvr::TuningReading>();
+  input.reading->message = tuning;
+  input.tuning = &input.reading->message;
   return qvrcs_tool::FiltersOf(input, sections);
 }
 
@@ -104,7 +107,7 @@ std::string Joined(const std::vector<std::string>& lines) {
 TEST(FilterResponseTest, KnownImpulsesGiveTheirMagnitudes) {
   // Pair 0: a unit impulse and the same delayed by half a millisecond;
   // pair 1: a two-tap average and silence.
-  const size_t delay = qvrcs_tool::kSampleRate / 2000;
+  const size_t delay = qvr::kDspSampleRate / 2000;
   const auto filters = Filters(
       RoomTuning(Concat({Impulse(0), Impulse(delay), Impulse(0, {kUnit, kUnit}), Impulse(0, {0})}), 2),
       {"front_room"});
@@ -120,7 +123,7 @@ TEST(FilterResponseTest, KnownImpulsesGiveTheirMagnitudes) {
   EXPECT_EQ(delayed.taps.size(), kTaps);
   EXPECT_DOUBLE_EQ(delayed.timeMs[delay], 0.5);
   EXPECT_DOUBLE_EQ(delayed.amplitude[delay], 0.5);
-  const double nyquist = qvrcs_tool::kSampleRate / 2.0;
+  const double nyquist = qvr::kDspSampleRate / 2.0;
   EXPECT_DOUBLE_EQ(unit.frequencyHz.back(), nyquist);
   for (double hz : {100.0, 1000.0, 10000.0, nyquist}) {
     EXPECT_NEAR(DbAt(unit, hz), 0, 1e-4) << hz;

@@ -6,13 +6,13 @@
 #include <cstdio>
 #include <cstring>
 #include <fstream>
+#include <iterator>
 #include <map>
 
 #include "configurator/payload.h"
 #include "qvrcs/qvrcs.h"
 #include "qvrcs/record_layout.h"
-#include "qvrcs/section_map.h"
-#include "qvrcs/templates.h"
+#include "qvrcs/trace.h"
 #include "tools/qvrcs/analysis.h"
 #include "tools/qvrcs/check.h"
 #include "tools/qvrcs/explain.h"
@@ -23,73 +23,59 @@ namespace qvrcs_tool {
 namespace {
 
 using com::qvr::pb::model::headphoneEq;
-using com::qvr::pb::model::listeningModel;
 
-const headphoneEq* HeadphoneEqNamed(const KorvaSettings& settings, const std::string& uuid) {
-  for (const listeningModel& model : ModelsOf(settings)) {
-    for (const headphoneEq& eq : model.headphones()) {
-      if (QVRCS_UuidEqualsIgnoreCase(eq.uuid(), uuid)) return &eq;
-    }
-  }
-  return nullptr;
-}
-
-// What the block alone does not say: which locator's record reached each
-// room and headphone-EQ slot, and how many values its table held.
+// What the block alone does not say, from the conversion's trace: which
+// locator's record reached each room and headphone-EQ slot, how many values
+// its table held, where the record ends and what was cut or wrapped.
 std::vector<SlotFacts> FactsOf(const Conversion& conversion) {
   std::vector<SlotFacts> facts(FilterSections().size());
-  if (!conversion.selected) {
-    for (SlotFacts& f : facts) {
-      f.known = true;
-      f.notes.push_back(conversion.selectError);
-    }
-    return facts;
+  for (SlotFacts& f : facts) {
+    f.known = true;
+    if (!conversion.selected()) f.notes.push_back(conversion.SelectError());
   }
-  const Analysis analysis = Analyse(*conversion.settings);
+  if (!conversion.selected()) return facts;
+  const Analysis analysis = Analyse(conversion);
   const std::vector<LocatorOutcome>* walks[] = {&analysis.rooms[0], &analysis.rooms[1], &analysis.rooms[2],
                                                 &analysis.hpeqs};
-  const auto map = qvrcs::PostmixSectionMap();
+  static_assert(std::size(walks) == 4, "three rooms and the headphone EQ, in block order");
+  // The headphone EQ record that reached its slot last, for its measured curve.
+  const headphoneEq* eq = nullptr;
+  for (const qvrcs::TraceEvent& e : conversion.trace.events) {
+    if (e.kind == qvrcs::TraceKind::kLocator && e.section == qvrcs::SectionId::kHeadphoneEq &&
+        e.status == QVRCS_OK && e.record != nullptr) {
+      eq = static_cast<const headphoneEq*>(e.record);
+    }
+  }
   for (size_t i = 0; i < facts.size(); ++i) {
     SlotFacts& f = facts[i];
-    f.known = true;
-    const qvrcs::SectionInfo* slot = nullptr;
-    for (const qvrcs::SectionInfo& s : map) {
-      if (s.name == FilterSections()[i]) slot = &s;
-    }
     const LocatorOutcome* chosen = nullptr;
     for (const LocatorOutcome& o : *walks[i]) {
       if (o.status == QVRCS_OK) chosen = &o;
     }
-    const bool asTemplate = std::equal(conversion.postmix.begin() + static_cast<long>(slot->offset),
-                                       conversion.postmix.begin() + static_cast<long>(slot->offset + slot->size),
-                                       kPostmixTemplate.begin() + static_cast<long>(slot->offset));
-    f.written = chosen != nullptr && (conversion.postmixStatus == 0 || !asTemplate);
     if (!walks[i]->empty() && walks[i]->back().status != QVRCS_OK) f.outcome = walks[i]->back().what;
     if (!conversion.ok()) {
-      f.notes.push_back("the conversion fails (premix " + std::to_string(conversion.premixStatus) + ", postmix " +
-                        std::to_string(conversion.postmixStatus) + "): the configurator would not upload it");
+      f.notes.push_back("the conversion fails (premix " + std::to_string(conversion.premixStatus()) + ", postmix " +
+                        std::to_string(conversion.postmixStatus()) + "): the configurator would not upload it");
     }
+    f.written = chosen != nullptr;
     if (!f.written) continue;
     f.source = chosen->locator + ": " + chosen->firstRecord;
     f.values = chosen->count;
-    f.end = i < 3 ? slot->offset + qvrcs::kRoomCoefs + 2 * chosen->count : chosen->end;
+    f.end = chosen->end;
     f.fileLength = chosen->ihpirLength;
     if (!chosen->wrap.empty()) f.notes.push_back("values wrap to 16 bits");
-    if (i == 3) {
-      const headphoneEq* eq = HeadphoneEqNamed(*conversion.settings, chosen->uuid);
-      if (eq != nullptr && eq->has_supplementaldata()) {
-        const auto& db = eq->supplementaldata().responsedb();
-        f.measuredDb.assign(db.begin(), db.end());
-      }
-      if (chosen->ihpirLength > qvrcs::kHpeqMaxTaps) {
-        f.notes.push_back("ihpirLength " + std::to_string(chosen->ihpirLength) + " cut to " +
-                          std::to_string(qvrcs::kHpeqMaxTaps) + " taps per channel");
-      }
+    if (chosen->taps > 0) {
+      f.notes.push_back("ihpirLength " + std::to_string(chosen->ihpirLength) + " cut to " +
+                        std::to_string(chosen->taps) + " taps per channel");
+    }
+    f.notes.insert(f.notes.end(), chosen->overruns.begin(), chosen->overruns.end());
+    if (walks[i] == &analysis.hpeqs && eq != nullptr && eq->has_supplementaldata()) {
+      const auto& db = eq->supplementaldata().responsedb();
+      f.measuredDb.assign(db.begin(), db.end());
     }
   }
   return facts;
 }
-
 
 constexpr const char* kStyle =
     "body{font-family:sans-serif;margin:1.5em;color:#111}"
@@ -123,6 +109,16 @@ std::string FileSection(const std::string& path, int& figure) {
   if (!ReadInput(path, InputKind::kAuto, input, error)) {
     return "<p class=\"fails\">" + EscapeHtml(error) + "</p>\n";
   }
+  // The explain view and the plots each take a conversion of their own.
+  Input second;
+  second.path = input.path;
+  second.isPayload = input.isPayload;
+  second.payload = input.payload;
+  if (!input.isPayload) {
+    second.reading = std::make_unique<qvr::TuningReading>();
+    second.reading->message = input.reading->message;
+    second.tuning = &second.reading->message;
+  }
   std::string html;
   const View view = BuildView(input);
   html += "<table><tr><th>offset</th><th>bytes</th><th>section</th><th>origin</th><th>source</th><th>what</th></tr>\n";
@@ -134,7 +130,7 @@ std::string FileSection(const std::string& path, int& figure) {
   }
   html += "</table>\n";
 
-  const std::vector<FilterResponse> filters = FiltersOf(input, {});
+  const std::vector<FilterResponse> filters = FiltersOf(second, {});
   std::string svg;
   if (!DrawSvg({PlotFile{path, filters}}, svg, error)) return html + "<p class=\"fails\">" + EscapeHtml(error) + "</p>\n";
   html += "<figure class=\"plot\">" + UniqueIds(svg, "p" + std::to_string(++figure) + "-") + "<figcaption>";
@@ -252,15 +248,17 @@ int ReportCommand(const FilterCommands& c, std::ostream& out, std::ostream& err)
 
 }  // namespace
 
-std::vector<FilterResponse> FiltersOf(const Input& input, const std::vector<std::string>& sections) {
+std::vector<FilterResponse> FiltersOf(Input& input, const std::vector<std::string>& sections) {
   if (input.isPayload) {
     auto block = std::make_unique<qvrcs::PostmixBlock>();
     std::copy(input.payload.begin() + static_cast<long>(qvr::kPostmixPayloadOffset),
               input.payload.begin() + static_cast<long>(qvr::kPostmixPayloadOffset + block->size()), block->begin());
-    return Responses(*block, {}, kSampleRate, sections);
+    return Responses(*block, {}, qvr::kDspSampleRate, sections);
   }
-  const std::unique_ptr<Conversion> conversion = Convert(*input.tuning);
-  return Responses(conversion->postmix, FactsOf(*conversion), kSampleRate, sections);
+  const std::unique_ptr<Conversion> conversion = Convert(input);
+  const uint32_t rate = conversion->reading->context.sampleRate;
+  return Responses(conversion->reading->postmix, FactsOf(*conversion), rate != 0 ? rate : qvr::kDspSampleRate,
+                   sections);
 }
 
 std::string EscapeHtml(const std::string& text) {

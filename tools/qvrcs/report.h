@@ -15,10 +15,11 @@ class App;
 
 namespace qvrcs_tool {
 
-// The filter sections of one input as the DSP receives them: converted with
-// the configurator's converters (a tuning file) or taken as they stand (a
-// payload file).
-std::vector<FilterResponse> FiltersOf(const Input& input, const std::vector<std::string>& sections);
+// The filter sections of one input as the DSP receives them: converted by the
+// reader's steps, with the conversion's trace saying which record reached
+// each slot and how many values it brought (a tuning file, whose reading the
+// conversion takes over), or taken as they stand (a payload file).
+std::vector<FilterResponse> FiltersOf(Input& input, const std::vector<std::string>& sections);
 
 // `text` with the characters that mean something in HTML replaced by entities.
 std::string EscapeHtml(const std::string& text);

@@ -8,7 +8,7 @@
 
 #include "qvrcs/block_io.h"
 #include "qvrcs/record_layout.h"
-#include "qvrcs/section_map.h"
+#include "qvrcs/sections.h"
 
 namespace qvrcs_tool {
 namespace {
@@ -163,7 +163,7 @@ ChannelResponse Respond(const std::string& label, std::vector<int16_t> taps, uin
 
 std::vector<std::string> FilterSections() {
   std::vector<std::string> names;
-  for (const qvrcs::SectionInfo& s : qvrcs::PostmixSectionMap()) {
+  for (const qvrcs::SectionInfo& s : qvrcs::kPostmixSections) {
     if (s.kind == qvrcs::SectionKind::kRoom || s.kind == qvrcs::SectionKind::kHeadphoneEq) names.push_back(s.name);
   }
   return names;
@@ -173,7 +173,7 @@ std::vector<FilterResponse> Responses(const qvrcs::PostmixBlock& block, const st
                                       uint32_t rate, const std::vector<std::string>& sections) {
   std::vector<FilterResponse> out;
   size_t index = 0;
-  for (const qvrcs::SectionInfo& s : qvrcs::PostmixSectionMap()) {
+  for (const qvrcs::SectionInfo& s : qvrcs::kPostmixSections) {
     const bool room = s.kind == qvrcs::SectionKind::kRoom;
     if (!room && s.kind != qvrcs::SectionKind::kHeadphoneEq) continue;
     const size_t i = index++;

@@ -56,7 +56,7 @@ struct FilterResponse {
   bool allZero = true;
 };
 
-// Impulse and magnitude response of `taps` at `rate`.
+// Impulse and magnitude response of `taps` at `rate` (Hz, not 0).
 ChannelResponse Respond(const std::string& label, std::vector<int16_t> taps, uint32_t rate);
 
 // The four filter sections of a postmix block, in block order, or only those
