@@ -148,7 +148,13 @@ void Row(const std::vector<PlotFile>& files, const FilterResponse& f, size_t row
   plcol0(kForeground);
   plmtex("t", 2.6, 0.0, 0.0, PlotText(Title(f)).c_str());
   plcol0(kProblemColour);
-  plmtex("t", 1.1, 0.0, 0.0, PlotText(Subtitle(f)).c_str());
+  std::string problems;
+  for (size_t i = 0; i < drawn.size(); ++i) {
+    const std::string line = drawn[i] != nullptr ? Subtitle(*drawn[i]) : std::string();
+    if (line.empty()) continue;
+    problems += (problems.empty() ? "" : " | ") + (drawn.size() > 1 ? (i == 0 ? "solid: " : "dashed: ") + line : line);
+  }
+  plmtex("t", 1.1, 0.0, 0.0, PlotText(problems).c_str());
 
   // Magnitude responses, frequency on a log axis.
   const double fmax = f.rate / 2.0;
@@ -174,7 +180,9 @@ void Row(const std::vector<PlotFile>& files, const FilterResponse& f, size_t row
     styles.push_back(1);
   }
   for (size_t i = 0; files.size() > 1 && i < files.size(); ++i) {
-    labels.push_back(PlotText((i == 0 ? "solid: " : "dashed: ") + files[i].name));
+    const size_t slash = files[i].name.rfind('/');
+    const std::string name = slash == std::string::npos ? files[i].name : files[i].name.substr(slash + 1);
+    labels.push_back(PlotText((i == 0 ? "solid: " : "dashed: ") + name));
     colours.push_back(kForeground);
     styles.push_back(i == 0 ? 1 : 2);
   }
