@@ -275,6 +275,7 @@ int __openat64_2(int dirfd, const char* path, int flags) {
 
 extern "C" {
 
+// Each ends in a tail call to the next allocator (see CMakeLists.txt).
 void* malloc(size_t size) {
   if (!Resolve(g_nextMalloc, "malloc")) return BootstrapAllocate(size);
   if (FailAllocation(size)) return nullptr;
