@@ -13,6 +13,7 @@ add_test(NAME coefgen_is_reproducible
           -DSOURCE=${PROJECT_SOURCE_DIR}/examples/src/headphones.textproto
           -DEXPECTED=${CMAKE_BINARY_DIR}/examples/text/headphones.textproto
           -DSCRATCH=${coefgen_scratch}/reproduce -P ${coefgen_check})
+set_tests_properties(coefgen_is_reproducible PROPERTIES LABELS target_programs)
 
 # coefgen refuses a directive it cannot honour, names the line, and writes nothing.
 set(coefgen_bad_no_rate "coeffTables {\n  #@ hpir taps=4 seed=1\n}\n")
@@ -30,4 +31,5 @@ foreach(case no_rate overflow padding kind)
             -DSOURCE=${coefgen_scratch}/bad_${case}.textproto
             -DEXPECTED=${coefgen_bad_${case}_error}
             -DSCRATCH=${coefgen_scratch}/bad_${case} -P ${coefgen_check})
+  set_tests_properties(coefgen_rejects_${case} PROPERTIES LABELS target_programs)
 endforeach()

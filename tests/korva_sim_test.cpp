@@ -6,6 +6,7 @@
 #include <cerrno>
 #include <cstring>
 #include <filesystem>
+#include <string>
 #include <tuple>
 
 #include "configurator/korva_driver.h"
@@ -285,11 +286,13 @@ TEST_F(CaptureTest, RecordsEveryRequestIncludingUnknownOnes) {
     absurd.Send(driver, QVR_KORVA_IOCTL_SET_PARAM);
   }
   const std::string expected =
-      "{\"seq\":1,\"node\":\"/dev/qvr_korva\",\"request\":\"SET_CACHE_SIZE\",\"code\":1074065921,"
+      "{\"seq\":1,\"node\":\"/dev/qvr_korva\",\"request\":\"SET_CACHE_SIZE\",\"code\":" +
+      std::to_string(QVR_KORVA_IOCTL_SET_CACHE_SIZE) + ","
       "\"answer\":0,\"errno\":0,\"arg\":\"0001-SET_CACHE_SIZE.bin\",\"arg_size\":4}\n"
       "{\"seq\":2,\"node\":\"/dev/qvr_korva\",\"request\":\"UNKNOWN\",\"code\":62207,"
       "\"answer\":-1,\"errno\":25,\"arg\":\"0002-UNKNOWN.bin\",\"arg_size\":0}\n"
-      "{\"seq\":3,\"node\":\"/dev/qvr_korva\",\"request\":\"SET_PARAM\",\"code\":1074328067,"
+      "{\"seq\":3,\"node\":\"/dev/qvr_korva\",\"request\":\"SET_PARAM\",\"code\":" +
+      std::to_string(QVR_KORVA_IOCTL_SET_PARAM) + ","
       "\"answer\":-1,\"errno\":22,\"arg\":\"0003-SET_PARAM.bin\",\"arg_size\":16}\n";
   EXPECT_EQ(qvr_test::ReadFile(Path("capture/requests.jsonl")), expected);
   EXPECT_EQ(fs::file_size(Path("capture/0001-SET_CACHE_SIZE.bin")), 4u);

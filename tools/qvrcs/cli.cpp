@@ -340,31 +340,30 @@ int ConvertCommand(const ConvertOptions& o, const Streams& s) {
     return kExitBadInput;
   }
   const ReaderRun run = RunReader(o.file);
-  Qvrcs message;
-  const bool parsed = ParseTuning(bytes, message);
+  const Conversion& conversion = *run.conversion;
+  const bool parsed = conversion.reading->stage != qvr::ReaderStage::kUnparsable;
   std::string problem;
-  if (run.status != 0) {
-    const std::unique_ptr<Conversion> conversion = Convert(message);
-    const std::string cause = DiagnoseFailure(message, *conversion);
-    problem = "the configurator would not upload it (reader " + std::to_string(run.status) + ", premix " +
-              std::to_string(conversion->premixStatus) + ", postmix " + std::to_string(conversion->postmixStatus) +
-              ")" + (cause.empty() ? "" : ": " + cause);
+  if (conversion.readerStatus != 0) {
+    const std::string cause = DiagnoseFailure(conversion.reading->message, conversion);
+    problem = "the configurator would not upload it (reader " + std::to_string(conversion.readerStatus) +
+              ", premix " + std::to_string(conversion.premixStatus()) + ", postmix " +
+              std::to_string(conversion.postmixStatus()) + ")" + (cause.empty() ? "" : ": " + cause);
   } else if (!parsed) {
     problem = "does not parse as a tuning file: the configurator uploads this all-zero payload and logs no error";
   }
-  const bool write = run.status == 0;
+  const bool write = conversion.readerStatus == 0;
   if (write && !WriteFile(o.output, std::string(run.payload.begin(), run.payload.end()), error)) {
     s.Error(o.output, error);
     return kExitBadInput;
   }
   if (o.json) {
     Json j = {{"file", o.file},     {"output", write ? Json(o.output) : Json(nullptr)},
-              {"bytes", write ? run.payload.size() : 0}, {"reader_status", run.status},
+              {"bytes", write ? run.payload.size() : 0}, {"reader_status", conversion.readerStatus},
               {"parsed", parsed}};
     if (!problem.empty()) j["problem"] = problem;
     s.out << j.dump(2) << "\n";
   } else if (write) {
-    s.out << o.file << " -> " << o.output << ": " << run.payload.size() << " bytes, reader status " << run.status
+    s.out << o.file << " -> " << o.output << ": " << run.payload.size() << " bytes, reader status " << conversion.readerStatus
           << "\n";
   }
   if (!problem.empty()) {
