@@ -334,9 +334,8 @@ struct ConvertOptions {
 };
 
 int ConvertCommand(const ConvertOptions& o, const Streams& s) {
-  std::string bytes;
   std::string error;
-  if (!ReadBytes(o.file, bytes, error)) {
+  if (!CheckFile(o.file, error)) {
     s.Error(o.file, error);
     return kExitBadInput;
   }
