@@ -88,8 +88,8 @@ __attribute__((constructor)) void SetupAtLoad() { Setup(); }
 uint64_t ElapsedMilliseconds() {
   timespec now{};
   clock_gettime(CLOCK_MONOTONIC, &now);
-  const int64_t ms = (now.tv_sec - g_settings.start.tv_sec) * 1000 +
-                     (now.tv_nsec - g_settings.start.tv_nsec) / 1000000;
+  const int64_t ms = (static_cast<int64_t>(now.tv_sec) - g_settings.start.tv_sec) * 1000 +
+                     (static_cast<int64_t>(now.tv_nsec) - g_settings.start.tv_nsec) / 1000000;
   return ms > 0 ? static_cast<uint64_t>(ms) : 0;
 }
 
@@ -275,6 +275,7 @@ int __openat64_2(int dirfd, const char* path, int flags) {
 
 extern "C" {
 
+// Each ends in a tail call to the next allocator (see CMakeLists.txt).
 void* malloc(size_t size) {
   if (!Resolve(g_nextMalloc, "malloc")) return BootstrapAllocate(size);
   if (FailAllocation(size)) return nullptr;

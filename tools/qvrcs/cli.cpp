@@ -20,6 +20,7 @@
 #include "tools/qvrcs/analysis.h"
 #include "tools/qvrcs/check.h"
 #include "tools/qvrcs/explain.h"
+#include "tools/qvrcs/report.h"
 #include "tools/qvrcs/tool.h"
 #include "tools/qvrcs/tuning.h"
 
@@ -333,9 +334,8 @@ struct ConvertOptions {
 };
 
 int ConvertCommand(const ConvertOptions& o, const Streams& s) {
-  std::string bytes;
   std::string error;
-  if (!ReadBytes(o.file, bytes, error)) {
+  if (!CheckFile(o.file, error)) {
     s.Error(o.file, error);
     return kExitBadInput;
   }
@@ -519,6 +519,9 @@ int RunCommands(const std::vector<std::string>& args, const Streams& s) {
   encodeCmd->add_option("-o,--output", encode.output, "tuning file to write")->required();
   encodeCmd->add_flag("--json", encode.json, "machine-readable output");
 
+  FilterCommands filters;
+  AddFilterCommands(app, filters);
+
   std::vector<std::string> reversed(args.rbegin(), args.rend());
   try {
     app.parse(reversed);
@@ -538,6 +541,7 @@ int RunCommands(const std::vector<std::string>& args, const Streams& s) {
   if (diffCmd->parsed()) return DiffCommand(diff, s);
   if (convertCmd->parsed()) return ConvertCommand(convert, s);
   if (dumpCmd->parsed()) return DumpCommand(dump, s);
+  if (const int status = RunFilterCommands(filters, s.out, s.err); status >= 0) return status;
   return EncodeCommand(encode, s);
 }
 

@@ -2,6 +2,7 @@
 
 #include <google/protobuf/stubs/logging.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <cerrno>
 #include <cstdio>
@@ -31,7 +32,7 @@ __attribute__((format(printf, 2, 0))) void CollectLine(void* context, const char
 
 void QuietProtobufLog() { google::protobuf::SetLogHandler(nullptr); }
 
-bool ReadBytes(const std::string& path, std::string& bytes, std::string& error) {
+bool CheckFile(const std::string& path, std::string& error) {
   struct stat info {};
   if (stat(path.c_str(), &info) != 0) {
     error = std::string("cannot open: ") + std::strerror(errno);
@@ -41,6 +42,15 @@ bool ReadBytes(const std::string& path, std::string& bytes, std::string& error) 
     error = "is a directory, not a file";
     return false;
   }
+  if (access(path.c_str(), R_OK) != 0) {
+    error = std::string("cannot open: ") + std::strerror(errno);
+    return false;
+  }
+  return true;
+}
+
+bool ReadBytes(const std::string& path, std::string& bytes, std::string& error) {
+  if (!CheckFile(path, error)) return false;
   std::ifstream in(path, std::ios::binary);
   if (!in) {
     error = std::string("cannot open: ") + std::strerror(errno);
