@@ -42,6 +42,7 @@ sysroot_packages=(
   libgtest-dev libgmock-dev
   libcli11-dev nlohmann-json3-dev
   faketime
+  libkissfft-dev libplplot-dev plplot-driver-cairo libpng-dev fonts-dejavu-core
 )
 # The main archive of this machine's own apt sources, for the machine's
 # release and its updates suite. Only that archive: a mirror of another
