@@ -85,6 +85,21 @@ TEST_F(PostmixControlsTest, ZellMultiChMinusOneIsStoredAsZero) {
   EXPECT_EQ(callers.I32(20), 0);
 }
 
+TEST_F(PostmixControlsTest, VelmoSubRecordsAreEachTestedForPresence) {
+  auto* gorm = postmix()->mutable_velmo()->mutable_gorm();
+  gorm->set_enable(0);
+  gorm->set_output_option(3);
+  gorm->set_input_gain(40000);
+  gorm->set_bass_clarity_level(-5);
+  const PostmixBytes block = Convert();
+  EXPECT_EQ(block.I32(172), 0);
+  EXPECT_EQ(block.I32(196), 3);
+  EXPECT_EQ(block.U16(200), 0x9C40);
+  EXPECT_EQ(block.I16(212), -5);
+  // Mox3d, Ombra, Velmo's own words and the reserved CC CC stay as they were.
+  EXPECT_TRUE(AllWithin(ChangedBytes(block, Baseline()), 172, 214));
+}
+
 TEST_F(PostmixControlsTest, Enhance2HasItsOwnOffsetAndStatus) {
   postmix()->mutable_enhance2()->set_master_volume(0);  // the postmix template's default is not 0
   EXPECT_EQ(ChangedBytes(Convert(), Baseline()), Bytes(300, 304));
