@@ -7,6 +7,7 @@
 
 #include <algorithm>
 #include <chrono>
+#include <cstdio>
 #include <cstring>
 #include <filesystem>
 #include <nlohmann/json.hpp>
@@ -85,6 +86,15 @@ std::vector<Request> RunResult::Of(const std::string& name) const {
 
 size_t RunResult::Count(const std::string& message) const {
   return static_cast<size_t>(std::count(log.begin(), log.end(), message));
+}
+
+int RunResult::Handle() const {
+  for (const std::string& line : log) {
+    int fd = -1;
+    if (std::sscanf(line.c_str(), "Korva driver handle %d.", &fd) == 1) return fd;
+  }
+  ADD_FAILURE() << "no driver handle line";
+  return -1;
 }
 
 RunResult E2eTest::RunSim(const std::vector<std::string>& simOptions,

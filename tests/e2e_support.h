@@ -41,6 +41,8 @@ struct RunResult {
   std::vector<Request> Of(const std::string& name) const;
   // Number of log messages equal to `message`.
   size_t Count(const std::string& message) const;
+  // The driver handle the run logged ("Korva driver handle N."), or -1.
+  int Handle() const;
 };
 
 class E2eTest : public qvr_test::ScratchDirTest {

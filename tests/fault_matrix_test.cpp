@@ -384,15 +384,6 @@ class FaultMatrixTest : public e2e::E2eTest, public testing::WithParamInterface<
   std::vector<SettingsSet> slots_;
 };
 
-int LoggedHandle(const e2e::RunResult& run) {
-  for (const std::string& line : run.log) {
-    int fd = -1;
-    if (std::sscanf(line.c_str(), "Korva driver handle %d.", &fd) == 1) return fd;
-  }
-  ADD_FAILURE() << "no driver handle line";
-  return -1;
-}
-
 TEST_P(FaultMatrixTest, RunEndsAsTheRulesSay) {
   const Case& c = GetParam();
   std::vector<std::string> options = {"--dsp-version", kVersion, "--dsp-description", kDescription};
@@ -411,7 +402,7 @@ TEST_P(FaultMatrixTest, RunEndsAsTheRulesSay) {
   EXPECT_THAT(run.err, testing::Not(testing::HasSubstr("runtime error:")));
   EXPECT_THAT(run.err, testing::Not(testing::HasSubstr("korva-driver-sim:")));
 
-  const ExpectedRun expected = FaultModel(c, searchPath_, slots_, LoggedHandle(run)).Walk();
+  const ExpectedRun expected = FaultModel(c, searchPath_, slots_, run.Handle()).Walk();
   Lines outcomes;
   for (const std::string& line : run.log) {
     if (IsOutcomeLine(line)) outcomes.push_back(line);

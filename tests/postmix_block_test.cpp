@@ -75,50 +75,6 @@ TEST_F(PostmixBlockTest, EmptySettingsGiveTheTemplateWithEmptyCoefficientSection
   EXPECT_TRUE(AllBytes(callers, qvrcs::kGormCoefs, kEnd, kFill));
 }
 
-TEST_F(PostmixBlockTest, EverySectionFromOneSettingsRecord) {
-  AddRoom(model(), "multi", Ramp(100, 1));
-  AddRoom(model(), "front", Ramp(50, 2000));
-  AddRoom(model(), "wide", Ramp(60, 3000));
-  AddHeadphoneEq("hp", Ramp(10, 4000), kRate48k);
-  AddAeq("aeq", kRate48k, kRate48k);
-  postmix().add_multichroom()->set_uuid("MULTI");
-  postmix().add_frontroom()->set_uuid("front");
-  postmix().add_wideroom()->set_uuid("wide");
-  postmix().add_hpeqcoef()->set_uuid("hp");
-  postmix().add_aeqcoef()->set_uuid("aeq");
-  postmix().mutable_hpf_coef()->set_order(2);
-  AddTable32(postmix().mutable_hpf_coef()->mutable_coeffs(), kRate48k, Ramp(20, -7));
-  postmix().mutable_velmo_xover_coef()->set_order(3);
-  AddTable16(postmix().mutable_velmo_xover_coef()->mutable_lpf_coeffs(), kRate48k, {31, 32});
-  AddTable16(postmix().mutable_velmo_xover_coef()->mutable_hpf_coeffs(), kRate48k, {33});
-  postmix().mutable_velmo_hpf_coef()->set_order(4);
-  AddTable16(postmix().mutable_velmo_hpf_coef()->mutable_hpf_coeffs(), kRate48k, {41, 42});
-  postmix().mutable_gorm_coef()->set_speaker_size(5);
-  postmix().mutable_gorm_coef()->set_analysis_size(6);
-  AddTable32(postmix().mutable_gorm_coef()->mutable_coeffs(), kRate48k, {51});
-
-  PostmixBytes block;
-  ASSERT_EQ(Convert(block), QVRCS_OK);
-  EXPECT_TRUE(SameBytes(*block.bytes, kPostmixTemplate, qvrcs::kPostmixFixedWords, qvrcs::kMultichRoomSlot));
-  EXPECT_EQ(block.I32(qvrcs::kMultichRoomSlot + qvrcs::kRoomNumPairs), 100);
-  EXPECT_TRUE(HalfWordsAre(block, kMultichCoefs, Ramp(100, 1)));
-  EXPECT_TRUE(HalfWordsAre(block, qvrcs::kFrontRoomSlot + qvrcs::kRoomCoefs, Ramp(50, 2000)));
-  EXPECT_TRUE(HalfWordsAre(block, qvrcs::kWideRoomSlot + qvrcs::kRoomCoefs, Ramp(60, 3000)));
-  EXPECT_TRUE(WordsAre(block, qvrcs::kHeadphoneEqSlot + qvrcs::kHpeqSampleRate, {48000, 10}));
-  EXPECT_TRUE(HalfWordsAre(block, kHpeqCoefs, Ramp(10, 4000)));
-  EXPECT_TRUE(WordsAre(block, qvrcs::kHpfOrder, {2}));
-  EXPECT_TRUE(WordsAre(block, qvrcs::kHpfCoefs, Ramp(20, -7)));
-  EXPECT_TRUE(WordsAre(block, qvrcs::kAeqRecord, {24, -1, 10, 11, 0}));
-  EXPECT_TRUE(WordsAre(block, qvrcs::kAeqRecord + qvrcs::kAeqChannel1, {24, -1, 20, 21, 0}));
-  EXPECT_TRUE(WordsAre(block, qvrcs::kVelmoHpfOrder, {4}));
-  EXPECT_TRUE(HalfWordsAre(block, qvrcs::kVelmoHpfCoefs, {41, 42, 0}));
-  EXPECT_TRUE(WordsAre(block, qvrcs::kVelmoXoverOrder, {3}));
-  EXPECT_TRUE(HalfWordsAre(block, qvrcs::kVelmoXoverLpfCoefs, {31, 32, 0}));
-  EXPECT_TRUE(HalfWordsAre(block, qvrcs::kVelmoXoverHpfCoefs, {33, 0}));
-  EXPECT_TRUE(WordsAre(block, qvrcs::kGormSpeakerSize, {5, 6, 51}));
-  EXPECT_TRUE(SameBytes(*block.bytes, kPostmixTemplate, qvrcs::kGormCoefs + 4, kEnd));
-}
-
 // The sections are filled in block order and the first failure ends the
 // conversion: what was loaded stays, every later section keeps the template.
 TEST_F(PostmixBlockTest, FirstFailureEndsTheConversionInFillOrder) {

@@ -55,15 +55,6 @@ TEST_F(PremixTest, NegativeRefHtestStopsEnhance2ButNotThePremixBlock) {
   EXPECT_EQ(block.I32(152), 4);
 }
 
-TEST_F(PremixTest, WithoutTemplateOnlyPresentFieldsChangeTheCallersBytes) {
-  settings_.mutable_premix()->mutable_enhance2()->set_master_volume(-3);
-  settings_.mutable_premix()->mutable_dravo()->set_lkfs_gain(0x1234);
-  const PremixBytes block = Convert(false);
-  EXPECT_EQ(block.I32(20 + 8), -3);
-  EXPECT_EQ(block.I16(16), 0x1234);
-  EXPECT_EQ(ChangedBytes(block, *PremixBytes().bytes), Bytes({{16, 18}, {28, 32}}));
-}
-
 // The Enhance2 section on its own, in a buffer of exactly its size.
 class Enhance2Test : public ::testing::Test {
  protected:

@@ -12,8 +12,6 @@
 
 #include <algorithm>
 #include <cstdio>
-#include <filesystem>
-#include <map>
 #include <memory>
 #include <set>
 #include <string>
@@ -327,23 +325,6 @@ bool Parse(const std::string& text, cfg::ConfiguratorConfig* config, ErrorLog* e
   return parser.ParseFromString(text, config);
 }
 
-TEST(SchemaConfigFile, CompleteFileFillsSixSlotsInFieldOrder) {
-  cfg::ConfiguratorConfig config;
-  ErrorLog errors;
-  ASSERT_TRUE(Parse(ConfigText(), &config, &errors)) << errors.text;
-  // The slot's field number, less one, is its cache block index.
-  const gp::Descriptor* d = cfg::ConfiguratorConfig::descriptor();
-  ASSERT_EQ(d->field_count(), 6);
-  for (int i = 0; i < 6; ++i) {
-    const gp::FieldDescriptor* f = d->field(i);
-    EXPECT_EQ(f->number(), i + 1);
-    EXPECT_EQ(f->name(), kSlots[i]);
-    const auto& slot = static_cast<const cfg::SettingsSet&>(config.GetReflection()->GetMessage(config, f));
-    EXPECT_EQ(slot.filename(), std::string(kSlots[i]) + ".qvrcs");
-    EXPECT_EQ(slot.device_bitmask(), i < 5 ? 2u << i : 0xffffffffu) << "uint32: the top bit is data";
-  }
-}
-
 TEST(SchemaConfigFile, IncompleteOrForeignFilesAreRejected) {
   cfg::ConfiguratorConfig binary;
   binary.mutable_attached0()->set_filename("a");
@@ -363,47 +344,6 @@ TEST(SchemaConfigFile, IncompleteOrForeignFilesAreRejected) {
 }
 
 // ---- The schema set as a whole ------------------------------------------------------
-
-TEST(SchemaDescriptors, EveryFileIsProto2ForSpeedInItsArea) {
-  const std::vector<const gp::FileDescriptor*> files = SchemaFiles();
-  // Every schema file on disk is compiled in and reachable from the two roots.
-  std::set<std::string> onDisk, linked;
-  for (const auto& entry : std::filesystem::directory_iterator(QVR_PROTO_DIR)) {
-    if (entry.path().extension() == ".proto") onDisk.insert(entry.path().filename().string());
-  }
-  for (const gp::FileDescriptor* f : files) linked.insert(f->name());
-  EXPECT_EQ(onDisk, linked);
-
-  const std::set<std::string> areas = {"com.qvr.pb.wbn",    "com.qvr.pb.korva_v1_1", "com.qvr.pb.korva",
-                                       "com.qvr.pb.tech",   "com.qvr.pb.coef",       "com.qvr.pb.model",
-                                       "com.qvr.pb.common", "com.qvr.korva.configurator.qdsp6"};
-  // The outer class names that the tuning tools' own builds rely on.
-  const std::map<std::string, std::string> outer = {
-      {"qvrcsPB.proto", "qvrcs"},     {"workspacePB.proto", "workspace"}, {"profilePB.proto", "profile"},
-      {"korva_v1_1.proto", "Korva_v1_1"}, {"korva2.proto", "Korva"},     {"certification.proto", "Cert"}};
-  for (const gp::FileDescriptor* f : files) {
-    SCOPED_TRACE(f->name());
-    EXPECT_EQ(f->syntax(), gp::FileDescriptor::SYNTAX_PROTO2);
-    EXPECT_TRUE(areas.count(f->package()));
-    EXPECT_TRUE(f->options().has_optimize_for());
-    EXPECT_EQ(f->options().optimize_for(), gp::FileOptions::SPEED);
-    const auto it = outer.find(f->name());
-    EXPECT_EQ(f->options().java_outer_classname(), it == outer.end() ? "" : it->second);
-    gp::FileOptions rest = f->options();
-    rest.clear_optimize_for();
-    rest.clear_java_outer_classname();
-    EXPECT_EQ(rest.ByteSizeLong(), 0u) << rest.ShortDebugString();
-    EXPECT_EQ(f->extension_count() + f->service_count(), 0);
-    // A file imports each of its dependencies once; only profilePB re-exports one.
-    std::set<const gp::FileDescriptor*> deps;
-    for (int d = 0; d < f->dependency_count(); ++d) EXPECT_TRUE(deps.insert(f->dependency(d)).second);
-    const bool reexports = f->name() == "profilePB.proto";
-    ASSERT_EQ(f->public_dependency_count(), reexports ? 1 : 0);
-    if (reexports) {
-      EXPECT_EQ(f->public_dependency(0)->name(), "workspacePB.proto");
-    }
-  }
-}
 
 TEST(SchemaDescriptors, RecordsKeepTheFormatsPlainShape) {
   std::set<std::string> reachable;  // messages a tuning file can carry
