@@ -10,15 +10,14 @@ target_link_libraries(bare_parse PRIVATE qvr_proto)
 add_executable(driver_requests ${CMAKE_CURRENT_LIST_DIR}/driver_requests.cpp)
 target_link_libraries(driver_requests PRIVATE configurator_core)
 
-# The configurator with the driver answered in its own process (the fuzzers'
-# in-process driver), so that no transport is charged to it; and bare_run, the
-# work no design can avoid: configurator.cfg and the six files parsed, the
-# log lines written.
+# The configurator with the driver answered in its own process (a lean driver
+# that checks and answers each request and keeps nothing), so that no
+# transport is charged to it; and bare_run, the work no design can avoid:
+# configurator.cfg and the six files parsed, the log lines written.
 add_executable(qvr_configurator_inproc ${PROJECT_SOURCE_DIR}/configurator/main.cpp
-  ${CMAKE_CURRENT_LIST_DIR}/inproc_driver.cpp ${PROJECT_SOURCE_DIR}/fuzz/fake_driver.cpp
-  ${PROJECT_SOURCE_DIR}/fuzz/fuzz_support.cpp)
+  ${CMAKE_CURRENT_LIST_DIR}/inproc_driver.cpp)
 target_include_directories(qvr_configurator_inproc PRIVATE ${PROJECT_SOURCE_DIR})
-target_link_libraries(qvr_configurator_inproc PRIVATE configurator_core korva_sim_model)
+target_link_libraries(qvr_configurator_inproc PRIVATE configurator_core)
 target_link_options(qvr_configurator_inproc PRIVATE -Wl,--wrap=open -Wl,--wrap=ioctl)
 add_executable(bare_run ${CMAKE_CURRENT_LIST_DIR}/bare_run.cpp)
 target_link_libraries(bare_run PRIVATE qvr_proto android_log)

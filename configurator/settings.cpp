@@ -1,6 +1,7 @@
 #include "configurator/settings.h"
 
 #include <cstdlib>
+#include <cstring>
 #include <iterator>
 
 #include "configurator.pb.h"
@@ -48,6 +49,19 @@ void LogCacheBlock(const qvr_korva_cache_block& block) {
           static_cast<int>(block.preOff), block.preFadeCmd, static_cast<int>(block.preFadeSize),
           static_cast<int>(block.postOff), block.postCmd, static_cast<int>(block.postSize),
           static_cast<int>(block.fadeOff), block.postFadeCmd, static_cast<int>(block.postFadeSize));
+}
+
+// The payload bytes the reader's two blocks do not cover go out as zeros: the
+// two fade areas when the blocks were converted, the whole payload when the
+// file did not parse (nothing converted). Zeroing only these, rather than the
+// whole buffer up front, spares writing each payload twice.
+void ZeroUnplaced(const qvr::TuningReading& reading, uint8_t* payload) {
+  if (reading.stage != qvr::ReaderStage::kConverted) {
+    std::memset(payload, 0, qvr::kCacheBlockSize);
+    return;
+  }
+  std::memset(payload + qvr::kPremixFadeOffset, 0, qvr::kFadeAreaSize);
+  std::memset(payload + qvr::kPostmixFadeOffset, 0, qvr::kFadeAreaSize);
 }
 
 // Parses the configuration file; returns kResultOk, kResultNoFile or kResultBadConfig.
@@ -115,9 +129,9 @@ int32_t load_one_qvrcs_set(const char* qvrcsPath, uint32_t bitmask, int32_t cach
     result = qvr::kResultDriverRefused;
   } else {
     QVR_LOG(kLogSendingData);
-    // Zero-filled, so the bytes nothing writes (the fade areas, or the whole
-    // payload of a tuning file that does not parse) go out as zeros.
-    auto* upload = static_cast<qvr_korva_upload*>(std::calloc(1, sizeof(qvr_korva_upload)));
+    // Every byte is set before it goes out: the descriptor here, the payload
+    // by the reader and ZeroUnplaced.
+    auto* upload = static_cast<qvr_korva_upload*>(std::malloc(sizeof(qvr_korva_upload)));
     if (upload == nullptr) {
       result = qvr::kResultNoMemory;
       QVR_LOG(kLogNoMemory);
@@ -126,7 +140,13 @@ int32_t load_one_qvrcs_set(const char* qvrcsPath, uint32_t bitmask, int32_t cach
       upload->desc.size = static_cast<int32_t>(sizeof(upload->payload));
       upload->desc.offset = 0;
       upload->desc.device = slotBitmask | kDeviceSelectBit;
-      result = QVRCS_GetPremixData(qvrcsPath, upload->payload);
+      {
+        // QVRCS_GetPremixData's steps, converting in place and keeping the
+        // reading to tell what was converted.
+        qvr::TuningReading reading;
+        result = qvr::ReadTuningFileInPlace(qvrcsPath, upload->payload, reading, qvr::AndroidLog());
+        ZeroUnplaced(reading, upload->payload);
+      }
       QVR_LOG(kLogReaderResult, result);
       if (result == qvr::kResultOk) {
         const int32_t answer = qvr_set_param(g_fd, upload);

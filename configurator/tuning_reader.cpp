@@ -4,6 +4,7 @@
 #include "configurator/tuning_reader.h"
 
 #include <cstring>
+#include <new>
 
 #include "configurator/log.h"
 #include "configurator/payload.h"
@@ -85,13 +86,18 @@ SettingsSelection SelectSettings(const Qvrcs& message) {
 }
 
 void ConvertSettings(TuningReading& reading, qvrcs::TraceObserver* trace) {
+  ConvertSettings(reading, reading.premix, reading.postmix, trace);
+}
+
+void ConvertSettings(TuningReading& reading, qvrcs::PremixBlock& premix, qvrcs::PostmixBlock& postmix,
+                     qvrcs::TraceObserver* trace) {
   const KorvaSettings& settings = *reading.selection.settings;
   QVRCS_InitContext(reading.context, kDspSampleRate);
-  reading.resPre = QVRCS_ConvertPremix(reading.context, settings, reading.premix, true, trace);
+  reading.resPre = QVRCS_ConvertPremix(reading.context, settings, premix, true, trace);
   // The reader has no models of its own; the postmix's own model is added
   // by the converter.
   const ListeningModelList models;
-  reading.resPost = QVRCS_ConvertPostmix(reading.context, settings, reading.postmix, true, models, trace);
+  reading.resPost = QVRCS_ConvertPostmix(reading.context, settings, postmix, true, models, trace);
   reading.stage = ReaderStage::kConverted;
 }
 
@@ -100,8 +106,11 @@ void PlaceBlocks(const TuningReading& reading, uint8_t* outData) {
   std::memcpy(outData + kPostmixPayloadOffset, reading.postmix.data(), reading.postmix.size());
 }
 
-int32_t ReadTuningFile(const char* filename, uint8_t* outData, TuningReading& reading, const LogSink& log,
-                       qvrcs::TraceObserver* trace) {
+namespace {
+
+// Steps 1 to 5; `inPlace`: both blocks converted straight into `outData`.
+int32_t Read(const char* filename, uint8_t* outData, TuningReading& reading, const LogSink& log,
+             qvrcs::TraceObserver* trace, bool inPlace) {
   if (filename == nullptr || outData == nullptr) {
     reading.stage = ReaderStage::kNullArgument;
     Log(log, kLogNullArgument);
@@ -129,13 +138,33 @@ int32_t ReadTuningFile(const char* filename, uint8_t* outData, TuningReading& re
     return kReaderFailed;
   }
 
-  ConvertSettings(reading, trace);
+  if (inPlace) {
+    // The converters start each block from its template, so what the
+    // payload held there before does not matter.
+    auto* premix = new (outData + kPremixPayloadOffset) qvrcs::PremixBlock;
+    auto* postmix = new (outData + kPostmixPayloadOffset) qvrcs::PostmixBlock;
+    ConvertSettings(reading, *premix, *postmix, trace);
+  } else {
+    ConvertSettings(reading, trace);
+  }
   if ((reading.resPre | reading.resPost) != 0) {
     Log(log, kLogConversionFailed, reading.resPre, reading.resPost);
     return kReaderFailed;
   }
-  PlaceBlocks(reading, outData);
+  if (!inPlace) PlaceBlocks(reading, outData);
   return kReaderOk;
+}
+
+}  // namespace
+
+int32_t ReadTuningFile(const char* filename, uint8_t* outData, TuningReading& reading, const LogSink& log,
+                       qvrcs::TraceObserver* trace) {
+  return Read(filename, outData, reading, log, trace, false);
+}
+
+int32_t ReadTuningFileInPlace(const char* filename, uint8_t* outData, TuningReading& reading,
+                              const LogSink& log) {
+  return Read(filename, outData, reading, log, nullptr, true);
 }
 
 }  // namespace qvr

@@ -99,6 +99,9 @@ SettingsSelection SelectSettings(const com::qvr::pb::wbn::Qvrcs& message);
 // templates, at kDspSampleRate, with no listening models of the caller's.
 // `trace` (null on the device) sees every decision.
 void ConvertSettings(TuningReading& reading, qvrcs::TraceObserver* trace);
+// The same into blocks of the caller's (the reading's own are left alone).
+void ConvertSettings(TuningReading& reading, qvrcs::PremixBlock& premix, qvrcs::PostmixBlock& postmix,
+                     qvrcs::TraceObserver* trace);
 
 // Step 5: both blocks into the payload at their offsets; nothing else of it
 // is touched.
@@ -108,5 +111,13 @@ void PlaceBlocks(const TuningReading& reading, uint8_t* outData);
 // each step made.
 int32_t ReadTuningFile(const char* filename, uint8_t* outData, TuningReading& reading, const LogSink& log,
                        qvrcs::TraceObserver* trace);
+
+// The device's steps 1 to 5: as ReadTuningFile with no trace, but both blocks
+// are converted straight into their places in `outData` rather than into the
+// reading and then copied, so each is written once. After a failed conversion
+// (result kReaderFailed, stage kConverted) `outData` holds partly converted
+// blocks: for a caller that then discards it.
+int32_t ReadTuningFileInPlace(const char* filename, uint8_t* outData, TuningReading& reading,
+                              const LogSink& log);
 
 }  // namespace qvr
