@@ -1,6 +1,7 @@
 #include "tools/qvrcs/check.h"
 
 #include <google/protobuf/io/tokenizer.h>
+#include <sys/stat.h>
 
 #include <cerrno>
 #include <cstring>
@@ -49,14 +50,23 @@ void CheckSlot(SlotReport& slot, CheckReport& report) {
     report.warnings.push_back(CheckWarning{slot.slot, slot.filename, code, std::move(message), note});
   };
 
+  std::string bytes;
+  std::string error;
+  const bool readable = ReadBytes(slot.path, bytes, error);
+  struct stat info {};
+  if (!readable && stat(slot.path.c_str(), &info) == 0) {
+    // A FIFO, a device or a huge file: the reader would wait or read without end.
+    slot.readerStatus = kReaderFailed;
+    slot.meaning = "the tuning file is not a regular file of a size the reader can take";
+    slot.culprit = slot.path + ": " + error;
+    return;
+  }
   const ReaderRun run = RunReader(slot.path);
   slot.readerStatus = run.status;
   slot.log = run.log;
   slot.loaded = run.status == 0;
 
-  std::string bytes;
-  std::string error;
-  if (!ReadBytes(slot.path, bytes, error)) {
+  if (!readable) {
     if (slot.loaded) {
       warn("unparsable", slot.path + " " + error + ": the configurator uploads a blank payload and logs no error",
            false);
@@ -104,18 +114,30 @@ size_t CheckReport::Warnings() const {
   return count;
 }
 
-CheckReport Check(const std::string& dir) {
+CheckReport CheckFile(const std::string& path, const std::string& shown) {
+  CheckReport report;
+  report.searchPath = shown;
+  report.configOk = true;
+  SlotReport slot;
+  slot.slot = "-";
+  slot.filename = shown.substr(shown.rfind('/') + 1);
+  slot.path = path;
+  CheckSlot(slot, report);
+  report.slots.push_back(slot);
+  return report;
+}
+
+CheckReport Check(const std::string& dir, const std::string& devicePath) {
   CheckReport report;
   report.searchPath = dir;
   // The configurator joins its argument to an empty stored path: the result
   // is always rooted at "/".
-  report.storedPath = qvr::JoinPath("", dir);
-  if (dir.empty() || dir.front() != '/') {
+  report.storedPath = qvr::JoinPath("", devicePath);
+  if (devicePath.empty() || devicePath.front() != '/') {
     report.warnings.push_back(CheckWarning{
         "", "", "relative-path",
-        "search path \"" + dir + "\" is relative: the configurator roots it at \"/\" and would read " +
-            qvr::JoinPath(report.storedPath, qvr::kConfigFileName) + "; checked here relative to the "
-            "current directory",
+        "device search path \"" + devicePath + "\" is relative: the configurator roots it at \"/\" and would read " +
+            qvr::JoinPath(report.storedPath, qvr::kConfigFileName),
         false});
   }
 

@@ -3,6 +3,7 @@
 // own reader and converters.
 #pragma once
 
+#include <istream>
 #include <ostream>
 #include <string>
 #include <vector>
@@ -17,9 +18,11 @@ constexpr int kExitFindings = 1;
 constexpr int kExitUsage = 2;     // bad command line
 constexpr int kExitBadInput = 3;  // an input is missing, unreadable or of the wrong kind
 
-// Runs one command line (`args` without the program name), writing the
-// command's output to `out` and error lines ("qvrcs: FILE: what is wrong")
-// to `err`. Returns the exit status.
+// Runs one command line (`args` without the program name), reading the
+// input "-" from `in`, writing the command's data to `out` and status and
+// error lines ("qvrcs: FILE: what is wrong") to `err`. Returns the exit status.
+int Run(const std::vector<std::string>& args, std::istream& in, std::ostream& out, std::ostream& err);
+// The same with an empty standard input.
 int Run(const std::vector<std::string>& args, std::ostream& out, std::ostream& err);
 
 }  // namespace qvrcs_tool

@@ -14,32 +14,12 @@
 #include "configurator/payload.h"
 #include "configurator/tuning_reader.h"
 #include "qvrcs/qvrcs.h"
+#include "tools/qvrcs/io.h"
 
 namespace qvrcs_tool {
 
 bool ReadBytes(const std::string& path, std::string& bytes, std::string& error) {
-  struct stat info {};
-  if (stat(path.c_str(), &info) != 0) {
-    error = std::string("cannot open: ") + std::strerror(errno);
-    return false;
-  }
-  if (S_ISDIR(info.st_mode)) {
-    error = "is a directory, not a file";
-    return false;
-  }
-  std::ifstream in(path, std::ios::binary);
-  if (!in) {
-    error = std::string("cannot open: ") + std::strerror(errno);
-    return false;
-  }
-  std::ostringstream all;
-  all << in.rdbuf();
-  if (in.bad()) {
-    error = "cannot read";
-    return false;
-  }
-  bytes = all.str();
-  return true;
+  return ReadRegularFile(path, bytes, error);
 }
 
 bool ParseTuning(const std::string& bytes, Qvrcs& message) {
