@@ -511,6 +511,7 @@ int RunCommands(const std::vector<std::string>& args, Streams& s) {
   app.require_subcommand(1);
   app.fallthrough();
   app.set_version_flag("--version", std::string("qvrcs ") + QVRCS_VERSION);
+  app.set_help_all_flag("--help-all", "every command's help");
   app.add_flag("-q,--quiet", s.quiet, "no status lines or reports: errors and the exit status only");
 
   CheckOptions check;
