@@ -471,7 +471,11 @@ TEST_F(ToolTest, ExplainNamesEveryConvertedFieldAtItsMappedOffset) {
                 "48000 Hz, 100 values, record ends at byte " + std::to_string(qvrcs::kFrontRoomSlot + 40 + 200)),
             std::string::npos);
   EXPECT_EQ((*RowNamed(rows, "postmix", "multich_room"))["origin"], "template");
-  EXPECT_EQ((*RowNamed(rows, "postmix", "fixed_words"))["holds"], "[3000, 9540, 5000, 5000]");
+  EXPECT_EQ((*RowNamed(rows, "postmix", "fixed_words"))["data"]["values"], Json::parse("[3000, 9540, 5000, 5000]"));
+  const Json& room = (*RowNamed(rows, "postmix", "front_room"))["data"];
+  EXPECT_EQ(room["numPairs"], 1);
+  EXPECT_EQ(room["coefficients"][99], 100);
+  EXPECT_EQ(room["coefficients"][100], 0);
 }
 
 TEST_F(ToolTest, ExplainMarksTemplateValuesAndShowsAFailedConversion) {

@@ -19,6 +19,7 @@
 #include "tools/qvrcs/explain.h"
 #include "tools/qvrcs/inputs.h"
 #include "tools/qvrcs/io.h"
+#include "tools/qvrcs/section_json.h"
 #include "tools/qvrcs/tool.h"
 #include "tools/qvrcs/tuning.h"
 
@@ -84,7 +85,8 @@ std::string Outcome(const LoadedInput& in, const View& v) {
          (v.failure.empty() ? "" : "\n  cause: " + v.failure);
 }
 
-Json RowJson(const Row& r) {
+// A row as data; a section's bytes decoded into `data`.
+Json RowJson(const View& v, const Row& r) {
   Json j = {{"block", r.block},
             {"name", r.name},
             {"offset", r.offset},
@@ -93,7 +95,8 @@ Json RowJson(const Row& r) {
             {"width", r.width},
             {"origin", r.origin}};
   if (r.isField) j["value"] = r.value;
-  if (!r.holds.empty()) j["holds"] = r.holds;
+  const Json data = SectionData(v.payload, r);
+  if (!data.is_null()) j["data"] = data;
   if (!r.source.empty()) j["source"] = r.source;
   if (!r.note.empty()) j["note"] = r.note;
   return j;
@@ -178,7 +181,7 @@ int ExplainCommand(const ExplainOptions& o, const Streams& s) {
     for (const auto& [key, value] : about.items()) j[key] = value;
     Json rows = Json::array();
     for (const Row& r : view.rows) {
-      if (shown(r)) rows.push_back(RowJson(r));
+      if (shown(r)) rows.push_back(RowJson(view, r));
     }
     j["rows"] = rows;
     s.out << JsonText(j) << "\n";
@@ -224,7 +227,7 @@ int DiffCommand(const DiffOptions& o, const Streams& s) {
       const RowDifference d = CompareRow(va, vb, ra);
       Json row = {{"block", ra.block}, {"name", ra.name}, {"offset", ra.offset}, {"size", ra.size},
                   {"width", ra.width}, {"values_differing", d.values}, {"values", d.total},
-                  {"first_offset", d.firstOffset}, {"a", RowJson(ra)}, {"b", RowJson(rb)}};
+                  {"first_offset", d.firstOffset}, {"a", RowJson(va, ra)}, {"b", RowJson(vb, rb)}};
       rows.push_back(row);
     }
     j["differences"] = rows;
