@@ -1,6 +1,7 @@
 #include "tools/qvrcs/tuning.h"
 
 #include <fcntl.h>
+#include <sys/mman.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -104,10 +105,9 @@ ReaderRun RunReader(const std::string& path) {
 
 StderrCapture::StderrCapture() {
   std::fflush(stderr);
-  char name[] = "/tmp/qvrcs-stderr-XXXXXX";
-  file_ = mkstemp(name);
+  // An anonymous file in memory: no file system work per capture.
+  file_ = memfd_create("qvrcs-stderr", MFD_CLOEXEC);
   if (file_ < 0) return;  // nothing captured; the lines go where they would
-  unlink(name);
   saved_ = dup(STDERR_FILENO);
   if (saved_ < 0 || dup2(file_, STDERR_FILENO) < 0) {
     if (saved_ >= 0) close(saved_);
