@@ -596,18 +596,6 @@ TEST_F(ToolTest, DumpAndEncodeRoundTripEveryExample) {
     ASSERT_EQ(run.status, qvrcs_tool::kExitOk) << run.err;
     EXPECT_TRUE(ReadFile(again) == ReadFile(entry.path().string()));
   }
-  const ToolRun json = RunTool({"dump", "--json", std::string(QVR_EXAMPLES_DIR) + "/lineout.bin"});
-  EXPECT_EQ(json.status, qvrcs_tool::kExitOk);
-  EXPECT_TRUE(Json::parse(json.out).contains("workspace"));
-}
-
-TEST_F(ToolTest, EncodeNamesTheLineAndColumnOfATextError) {
-  WriteFile(Path("bad.textproto"), "workspace {\n  routeConfiguration {\n    tecch {}\n  }\n}\n");
-  const ToolRun run = RunTool({"encode", Path("bad.textproto"), "-o", Path("out.bin")});
-  EXPECT_EQ(run.status, qvrcs_tool::kExitBadInput);
-  EXPECT_EQ(run.err.rfind("qvrcs: " + Path("bad.textproto") + ":3:11: ", 0), 0u) << run.err;
-  EXPECT_NE(run.err.find("tecch"), std::string::npos);
-  EXPECT_FALSE(fs::exists(Path("out.bin")));
 }
 
 // ---- bad input --------------------------------------------------------------
@@ -726,11 +714,15 @@ TEST_F(ToolTest, TextAndJsonTuningFilesAreTakenWhereverATuningFileIs) {
   }
   // Edited text checked directly: the error names file, line and column.
   WriteFile(Path("bad.textproto"), "workspace {\n  routeConfiguration {\n    tecch {}\n  }\n}\n");
-  for (const char* command : {"check", "explain", "dump"}) {
-    const ToolRun run = RunTool({command, Path("bad.textproto")});
-    EXPECT_EQ(run.status, qvrcs_tool::kExitBadInput) << command;
-    EXPECT_EQ(run.err.rfind("qvrcs: " + Path("bad.textproto") + ":3:11: ", 0), 0u) << command << run.err;
+  for (std::vector<std::string> args : std::vector<std::vector<std::string>>{
+           {"check"}, {"explain"}, {"dump"}, {"encode", "-o", Path("out.bin")}}) {
+    args.insert(args.begin() + 1, Path("bad.textproto"));
+    const ToolRun run = RunTool(args);
+    EXPECT_EQ(run.status, qvrcs_tool::kExitBadInput) << args[0];
+    EXPECT_EQ(run.err.rfind("qvrcs: " + Path("bad.textproto") + ":3:11: ", 0), 0u) << args[0] << run.err;
+    EXPECT_NE(run.err.find("tecch"), std::string::npos);
   }
+  EXPECT_FALSE(fs::exists(Path("out.bin")));
   // --format binary takes it as the reader would: a file that does not parse.
   const ToolRun forced = RunTool({"explain", "--format", "binary", Path("good.textproto")});
   EXPECT_EQ(forced.status, qvrcs_tool::kExitBadInput);
