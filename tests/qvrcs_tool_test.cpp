@@ -483,7 +483,7 @@ TEST_F(ToolTest, ExplainMarksTemplateValuesAndShowsAFailedConversion) {
   PostmixOf(tuning).mutable_frontroom(0)->set_uuid(kOtherUuid);
   SettingsOf(tuning).mutable_postmix()->set_zell_multi_ch(-1);
   const ToolRun run = RunTool({"explain", "--json", Write("bad.bin", tuning)});
-  ASSERT_EQ(run.status, qvrcs_tool::kExitOk);
+  ASSERT_EQ(run.status, qvrcs_tool::kExitFindings) << "a file that will not load";
   const Json json = Json::parse(run.out);
   EXPECT_EQ(json["loads"], false);
   EXPECT_EQ(json["postmix_status"], -999);

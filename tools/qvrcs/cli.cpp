@@ -175,6 +175,9 @@ int ExplainCommand(const ExplainOptions& o, const Streams& s) {
   if (!o.view.Load(o.file, input, s)) return kExitBadInput;
   const View view = BuildView(input.input);
   auto shown = [&](const Row& r) { return !o.changed || (r.origin != "template" && r.origin != "zero"); };
+  // A tuning file the configurator would not upload is a finding, as for convert.
+  const bool loads = view.isPayload || (view.converted && view.premixStatus == 0 && view.postmixStatus == 0);
+  const int status = loads ? kExitOk : kExitFindings;
   if (o.json) {
     Json j = Document("explain");
     const Json about = ViewJson(input, view);
@@ -185,7 +188,7 @@ int ExplainCommand(const ExplainOptions& o, const Streams& s) {
     }
     j["rows"] = rows;
     s.out << JsonText(j) << "\n";
-    return kExitOk;
+    return status;
   }
   s.out << Outcome(input, view) << "\n";
   std::string last;
@@ -195,7 +198,7 @@ int ExplainCommand(const ExplainOptions& o, const Streams& s) {
     last = r.block;
     PrintRow(s.out, r);
   }
-  return kExitOk;
+  return status;
 }
 
 struct DiffOptions {
@@ -461,8 +464,8 @@ int EncodeCommand(const EncodeOptions& o, const Streams& s) {
 
 constexpr const char* kExitStatusText =
     "Exit status: 0 success; 1 check found a failing slot, a slot that uploads a blank block or a warning, diff\n"
-    "found differences, or convert found a file the configurator would not upload (or uploads blank); 2 bad\n"
-    "command line; 3 an input is missing, unreadable or of the wrong kind.\n"
+    "found differences, or explain or convert found a file the configurator would not upload (convert: or\n"
+    "uploads blank); 2 bad command line; 3 an input is missing, unreadable or of the wrong kind.\n"
     "FILE may be \"-\" for standard input, and -o - writes to standard output. Tuning files are taken in their\n"
     "binary form, in protobuf text format or as the JSON of dump --json, recognised by content (--format).\n"
     "explain and diff also take device-side data: a 61664-byte payload, a 61680-byte upload captured from the\n"

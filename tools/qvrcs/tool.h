@@ -12,8 +12,9 @@ namespace qvrcs_tool {
 
 // Exit statuses of every command.
 constexpr int kExitOk = 0;
-// check: a slot fails or a warning is raised; diff: the inputs differ;
-// convert: the configurator would not upload the file, or uploads it blank.
+// check: a slot fails or uploads a blank block, or a warning is raised;
+// diff: the inputs differ; explain: the configurator would not upload the
+// file; convert: it would not upload the file, or uploads it blank.
 constexpr int kExitFindings = 1;
 constexpr int kExitUsage = 2;     // bad command line
 constexpr int kExitBadInput = 3;  // an input is missing, unreadable or of the wrong kind
