@@ -77,7 +77,18 @@ CheckedInput CheckOneFile(const std::string& path, const BatchOptions& options, 
     return checked;
   }
   checked.report = CheckFile(copy.path(), shown);
-  for (SlotReport& slot : checked.report.slots) slot.path = shown;
+  // The reader saw the copy: its lines name the input instead.
+  auto rename = [&](std::string& text) {
+    for (size_t at = text.find(copy.path()); at != std::string::npos; at = text.find(copy.path(), at + shown.size())) {
+      text.replace(at, copy.path().size(), shown);
+    }
+  };
+  for (SlotReport& slot : checked.report.slots) {
+    slot.path = shown;
+    rename(slot.log);
+    rename(slot.culprit);
+  }
+  for (CheckWarning& warning : checked.report.warnings) rename(warning.message);
   return checked;
 }
 
