@@ -11,3 +11,6 @@
 #define QVR_LOG(...) __android_log_print(ANDROID_LOG_INFO, QVR_LOG_TAG, __VA_ARGS__)
 
 static_assert(ANDROID_LOG_INFO == 4, "log lines go out at priority 4");
+
+// The same with a va_list, for the reader's log sink.
+#define QVR_VLOG(format, args) __android_log_vprint(ANDROID_LOG_INFO, QVR_LOG_TAG, format, args)

@@ -4,27 +4,33 @@
 #include "configurator/tuning_reader.h"
 
 #include <cstring>
-#include <fstream>
 
 #include "configurator/log.h"
 #include "configurator/payload.h"
-#include "qvrcs/qvrcs.h"
-#include "qvrcsPB.pb.h"
 
 using com::qvr::pb::korva_v1_1::KorvaSettings;
 using com::qvr::pb::wbn::Qvrcs;
 
 namespace {
 
-constexpr int32_t kResultOk = 0;
-constexpr int32_t kResultFailed = -4;
-constexpr uint32_t kDspSampleRate = 48000;
-
 // Log lines of this file.
 constexpr char kLogNullArgument[] = "Error:  filename or outData is NULL";
 constexpr char kLogCannotOpen[] = "Error: could not open %s";
 constexpr char kLogEmptySelection[] = "Error: %s has no %s";
 constexpr char kLogConversionFailed[] = "Error: parsing Pre (res = %i) or Post (res = %i)";
+
+__attribute__((format(printf, 2, 3))) void Log(const qvr::LogSink& sink, const char* format, ...) {
+  if (sink.print == nullptr) return;
+  va_list args;
+  va_start(args, format);
+  sink.print(sink.context, format, args);
+  va_end(args);
+}
+
+__attribute__((format(printf, 2, 0))) void PrintToAndroidLog(void* /*context*/, const char* format,
+                                                               va_list args) {
+  QVR_VLOG(format, args);
+}
 
 }  // namespace
 
@@ -47,48 +53,95 @@ const KorvaSettings* QVRCS_SelectSettings(const Qvrcs& message, const char** mis
   return &route.tech(0).korva_v1_1();
 }
 
-int32_t QVRCS_GetPremixData(const char* filename, uint8_t* outData) {
+namespace qvr {
+
+LogSink AndroidLog() { return LogSink{PrintToAndroidLog, nullptr}; }
+
+bool OpenTuningFile(const char* filename, std::ifstream& file) {
+  file.open(filename, std::ios::in | std::ios::binary);
+  return file.is_open();
+}
+
+bool ParseTuningFile(std::istream& file, Qvrcs& message) { return message.ParseFromIstream(&file); }
+
+bool ParseTuningBytes(const std::string& bytes, Qvrcs& message) { return message.ParseFromString(bytes); }
+
+SettingsSelection SelectSettings(const Qvrcs& message) {
+  SettingsSelection selection;
+  selection.settings = QVRCS_SelectSettings(message, &selection.missing);
+  selection.workspaces = message.workspace_size();
+  if (selection.workspaces > 0) {
+    selection.routeConfigurations = message.workspace(0).routeconfiguration_size();
+    if (selection.routeConfigurations > 0) {
+      const auto& route = message.workspace(0).routeconfiguration(0);
+      selection.techs = route.tech_size();
+      if (selection.techs > 0) {
+        selection.secondVersion = route.tech(0).has_korva();
+        selection.firstVersion = route.tech(0).has_korva_v1_1();
+      }
+    }
+  }
+  return selection;
+}
+
+void ConvertSettings(TuningReading& reading, qvrcs::TraceObserver* trace) {
+  const KorvaSettings& settings = *reading.selection.settings;
+  QVRCS_InitContext(reading.context, kDspSampleRate);
+  reading.resPre = QVRCS_ConvertPremix(reading.context, settings, reading.premix, true, trace);
+  // The reader has no models of its own; the postmix's own model is added
+  // by the converter.
+  const ListeningModelList models;
+  reading.resPost = QVRCS_ConvertPostmix(reading.context, settings, reading.postmix, true, models, trace);
+  reading.stage = ReaderStage::kConverted;
+}
+
+void PlaceBlocks(const TuningReading& reading, uint8_t* outData) {
+  std::memcpy(outData + kPremixPayloadOffset, reading.premix.data(), reading.premix.size());
+  std::memcpy(outData + kPostmixPayloadOffset, reading.postmix.data(), reading.postmix.size());
+}
+
+int32_t ReadTuningFile(const char* filename, uint8_t* outData, TuningReading& reading, const LogSink& log,
+                       qvrcs::TraceObserver* trace) {
   if (filename == nullptr || outData == nullptr) {
-    QVR_LOG(kLogNullArgument);
-    return kResultFailed;
+    reading.stage = ReaderStage::kNullArgument;
+    Log(log, kLogNullArgument);
+    return kReaderFailed;
   }
 
-  std::ifstream file(filename, std::ios::in | std::ios::binary);
-  if (!file.is_open()) {
-    QVR_LOG(kLogCannotOpen, filename);
-    return kResultFailed;
+  std::ifstream file;
+  if (!OpenTuningFile(filename, file)) {
+    reading.stage = ReaderStage::kCannotOpen;
+    Log(log, kLogCannotOpen, filename);
+    return kReaderFailed;
   }
-
-  Qvrcs message;
-  ConversionContext context;
-  QVRCS_InitContext(context, kDspSampleRate);
 
   // A file that does not parse is deliberately not reported: the caller
   // uploads the payload as it stands.
-  if (!message.ParseFromIstream(&file)) return kResultOk;
-
-  const char* missing = nullptr;
-  const KorvaSettings* settings = QVRCS_SelectSettings(message, &missing);
-  if (settings == nullptr) {
-    QVR_LOG(kLogEmptySelection, filename, missing);
-    return kResultFailed;
+  if (!ParseTuningFile(file, reading.message)) {
+    reading.stage = ReaderStage::kUnparsable;
+    return kReaderOk;
   }
 
-  // Both images live in this frame; ~61.6 KB together.
-  qvrcs::PremixBlock premix;
-  qvrcs::PostmixBlock postmix;
-  const int32_t resPre = QVRCS_ConvertPremix(context, *settings, premix, true);
-  // The caller has no models of its own; the postmix's own model is added
-  // by the converter.
-  const ListeningModelList models;
-  const int32_t resPost = QVRCS_ConvertPostmix(context, *settings, postmix, true, models);
-
-  if ((resPre | resPost) != 0) {
-    QVR_LOG(kLogConversionFailed, resPre, resPost);
-    return kResultFailed;
+  reading.selection = SelectSettings(reading.message);
+  if (reading.selection.settings == nullptr) {
+    reading.stage = ReaderStage::kNoSelection;
+    Log(log, kLogEmptySelection, filename, reading.selection.missing);
+    return kReaderFailed;
   }
 
-  std::memcpy(outData + qvr::kPremixPayloadOffset, premix.data(), premix.size());
-  std::memcpy(outData + qvr::kPostmixPayloadOffset, postmix.data(), postmix.size());
-  return kResultOk;
+  ConvertSettings(reading, trace);
+  if ((reading.resPre | reading.resPost) != 0) {
+    Log(log, kLogConversionFailed, reading.resPre, reading.resPost);
+    return kReaderFailed;
+  }
+  PlaceBlocks(reading, outData);
+  return kReaderOk;
+}
+
+}  // namespace qvr
+
+int32_t QVRCS_GetPremixData(const char* filename, uint8_t* outData) {
+  // The message and both images (~61.6 KB) live in this frame.
+  qvr::TuningReading reading;
+  return qvr::ReadTuningFile(filename, outData, reading, qvr::AndroidLog(), nullptr);
 }

@@ -12,7 +12,8 @@
 // postmix converter answers only its own codes; the bytes no conversion may
 // touch keep their template values; a conversion from a caller's block
 // leaves the fixed words as the caller had them; converting twice gives the
-// same bytes; and the reader, given the same settings as a tuning file,
+// same bytes, traced or not; what the trace says was written is what the
+// blocks hold; and the reader, given the same settings as a tuning file,
 // uploads exactly what the converters produced.
 #include <fuzzer/FuzzedDataProvider.h>
 
@@ -251,13 +252,13 @@ struct Converted {
 // Both converters as the reader runs them, each block in its own exact-size
 // allocation so that a write past either is caught.
 void Convert(const KorvaSettings& settings, const ListeningModelList& models, bool useTemplate,
-             uint8_t filler, Converted& out) {
+             uint8_t filler, Converted& out, qvrcs::TraceObserver* trace = nullptr) {
   ConversionContext context;
   QVRCS_InitContext(context, kRate);
   out.premixBlock->fill(filler);
   out.postmixBlock->fill(filler);
-  out.premix = QVRCS_ConvertPremix(context, settings, *out.premixBlock, useTemplate);
-  out.postmix = QVRCS_ConvertPostmix(context, settings, *out.postmixBlock, useTemplate, models);
+  out.premix = QVRCS_ConvertPremix(context, settings, *out.premixBlock, useTemplate, trace);
+  out.postmix = QVRCS_ConvertPostmix(context, settings, *out.postmixBlock, useTemplate, models, trace);
 }
 
 }  // namespace
@@ -293,12 +294,15 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     }
   }
 
-  // Nothing depends on what happened before.
+  // Nothing depends on what happened before, nor on whether the conversion
+  // is traced; and the trace tells what the blocks hold.
   Converted second;
-  Convert(settings, models, useTemplate, filler, second);
+  qvrcs::ConversionTrace trace;
+  Convert(settings, models, useTemplate, filler, second, &trace);
   FUZZ_CHECK(second.postmix == first.postmix);
   FUZZ_CHECK(*second.premixBlock == *first.premixBlock);
   FUZZ_CHECK(*second.postmixBlock == *first.postmixBlock);
+  FUZZ_CHECK(fuzz::TraceMismatch(trace, second.premixBlock->data(), second.postmixBlock->data()).empty());
 
   // The device's path: the same settings as a tuning file, no caller models.
   if (!callerModels.empty() || !useTemplate) return 0;

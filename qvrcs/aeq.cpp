@@ -5,6 +5,7 @@
 #include "qvrcs/coef_pack.h"
 #include "qvrcs/qvrcs.h"
 #include "qvrcs/record_layout.h"
+#include "qvrcs/sections.h"
 
 using com::qvr::pb::coef::Aeq;
 using com::qvr::pb::coef::CoefTable;
@@ -25,24 +26,40 @@ using qvrcs::kAeqMarker;
 using qvrcs::kAeqMarkerWord;
 using qvrcs::kAeqOrderWord;
 
-const Aeq* FindAeq(const std::string& uuid, const ListeningModelList& models) {
-  for (const listeningModel& model : models) {
-    for (const Aeq& aeq : model.aeqs()) {
-      if (QVRCS_UuidEqualsIgnoreCase(aeq.uuid(), uuid)) return &aeq;
-    }
-  }
-  return nullptr;
-}
+const auto AeqsOf = [](const listeningModel& model) -> const auto& { return model.aeqs(); };
 
 int32_t BankOrder(const FilterBank& bank) {
   return bank.has_iirorder() ? bank.iirorder() : kAeqDefaultOrder;
 }
 
-}  // namespace
+// One channel section from `bank`: its order word and, when the bank has an
+// IIR table for the rate, its coefficients. Neither copy is bounded by its
+// section: a long channel 0 table runs on into channel 1 (written
+// afterwards), a long channel 1 table on into the Velmo high-pass section
+// that follows the record. False when the bank has no table.
+bool LoadChannel(BlockView record, size_t channel, const FilterBank& bank, int bankIndex, uint32_t sampleRate,
+                 qvrcs::TraceObserver* trace) {
+  const size_t section = channel == 0 ? kAeqChannel0 : kAeqChannel1;
+  qvrcs::StoreI32(record, section + kAeqOrderWord, BankOrder(bank));
+  const auto& tables = bank.iircoefs();
+  const int index = qvrcs::FindCoefTableIndex(tables, sampleRate);
+  const CoefTable* table = index >= 0 ? &tables.Get(index) : nullptr;
+  if (trace != nullptr) {
+    qvrcs::TraceEvent event;
+    event.kind = qvrcs::TraceKind::kChannel;
+    event.channel = static_cast<int>(channel);
+    event.entry = bankIndex;
+    event.value = BankOrder(bank);
+    if (table != nullptr) event.table = qvrcs::TableChoice(*table, index, 32);
+    trace->OnEvent(event);
+  }
+  if (table == nullptr) return false;
+  qvrcs::PackTable(record, section + kAeqCoefs, 4 * qvrcs::kAeqChannelCoefs, *table, index, 32, trace);
+  return true;
+}
 
-int32_t QVRCS_LoadAeq(const std::string& uuid, const ListeningModelList& models, BlockView record,
-                      uint32_t sampleRate) {
-  const Aeq* aeq = FindAeq(uuid, models);
+int32_t LoadAeq(const Aeq* aeq, BlockView record, uint32_t sampleRate, qvrcs::TraceEvent& event,
+                qvrcs::TraceObserver* trace) {
   if (aeq == nullptr) return QVRCS_ERR_NO_COEF_TABLE;
 
   // The two banks that become channels 0 and 1, picked by index so that the
@@ -53,42 +70,63 @@ int32_t QVRCS_LoadAeq(const std::string& uuid, const ListeningModelList& models,
   std::array<int, kAeqChannels> chosen{};
   size_t kept = 0;
   const bool filter = banks.size() > static_cast<int>(kAeqChannels);
-  for (int i = 0; i < banks.size() && kept < kAeqChannels; ++i) {
+  // The trace counts every usable bank; the conversion needs the first two.
+  for (int i = 0; i < banks.size() && (kept < kAeqChannels || trace != nullptr); ++i) {
     if (!filter || QVRCS_FindCoefTable(banks.Get(i).iircoefs(), sampleRate) != nullptr) {
-      chosen[kept++] = i;
+      if (kept < kAeqChannels) chosen[kept] = i;
+      ++kept;
     }
   }
+  event.banks = banks.size();
+  event.usableBanks = static_cast<int>(kept);
+  event.filtered = filter;
   if (kept < kAeqChannels) return QVRCS_ERR_NO_COEF_TABLE;
 
   qvrcs::ZeroFill(record, 0, qvrcs::kAeqRecordSize);
   qvrcs::StoreI32(record, kAeqChannel1 + kAeqMarkerWord, kAeqMarker);
   qvrcs::StoreI32(record, kAeqChannel0 + kAeqMarkerWord, kAeqMarker);
 
-  // Neither copy is bounded by its section: a long channel 0 table runs on
-  // into channel 1 (written afterwards), a long channel 1 table on into the
-  // Velmo high-pass section that follows the record.
-  const FilterBank& bank0 = banks.Get(chosen[0]);
-  qvrcs::StoreI32(record, kAeqChannel0 + kAeqOrderWord, BankOrder(bank0));
-  const CoefTable* table0 = QVRCS_FindCoefTable(bank0.iircoefs(), sampleRate);
-  if (table0 != nullptr) qvrcs::PackCoeff32(record, kAeqChannel0 + kAeqCoefs, table0->coeff_32());
+  const bool channel0 = LoadChannel(record, 0, banks.Get(chosen[0]), chosen[0], sampleRate, trace);
+  if (!LoadChannel(record, 1, banks.Get(chosen[1]), chosen[1], sampleRate, trace)) {
+    return QVRCS_ERR_NO_COEF_TABLE;
+  }
+  return channel0 ? QVRCS_OK : QVRCS_ERR_NO_COEF_TABLE;
+}
 
-  const FilterBank& bank1 = banks.Get(chosen[1]);
-  qvrcs::StoreI32(record, kAeqChannel1 + kAeqOrderWord, BankOrder(bank1));
-  const CoefTable* table1 = QVRCS_FindCoefTable(bank1.iircoefs(), sampleRate);
-  if (table1 == nullptr) return QVRCS_ERR_NO_COEF_TABLE;
-  qvrcs::PackCoeff32(record, kAeqChannel1 + kAeqCoefs, table1->coeff_32());
+}  // namespace
 
-  return table0 != nullptr ? QVRCS_OK : QVRCS_ERR_NO_COEF_TABLE;
+int32_t QVRCS_LoadAeq(const std::string& uuid, const ListeningModelList& models, BlockView record,
+                      uint32_t sampleRate, qvrcs::TraceObserver* trace) {
+  const auto match = qvrcs::FindInModels<Aeq>(uuid, models, AeqsOf);
+  qvrcs::TraceEvent event = qvrcs::LocatorEvent(match, uuid);
+  const int32_t status = LoadAeq(match.record, record, sampleRate, event, trace);
+  if (trace != nullptr) {
+    event.status = status;
+    trace->OnEvent(event);
+  }
+  return status;
 }
 
 int32_t QVRCS_ConvertAeqCoef(const ConversionContext& context, const Postmix& postmix,
-                             const ListeningModelList& models, BlockView block) {
+                             const ListeningModelList& models, BlockView block,
+                             qvrcs::TraceObserver* trace) {
   // The first locator that loads wins; failures only move on to the next.
   int32_t status = QVRCS_NOTHING_TO_LOAD;
-  for (const auto& locator : postmix.aeqcoef()) {
-    if (locator.uuid().empty()) continue;
-    status = QVRCS_LoadAeq(locator.uuid(), models, block.At(qvrcs::kAeqRecord), context.sampleRate);
+  const auto& locators = postmix.aeqcoef();
+  for (int i = 0; i < locators.size(); ++i) {
+    const std::string& uuid = locators.Get(i).uuid();
+    qvrcs::LocatorStamp stamp(trace, qvrcs::SectionId::kAeq, i);
+    if (uuid.empty()) {
+      if (trace != nullptr) {
+        qvrcs::TraceEvent event = qvrcs::LocatorEvent(qvrcs::ModelMatch<Aeq>{}, uuid);
+        event.status = QVRCS_NOTHING_TO_LOAD;
+        stamp.OnEvent(event);
+      }
+      continue;
+    }
+    status = QVRCS_LoadAeq(uuid, models, block.At(qvrcs::kAeqRecord), context.sampleRate, stamp.Get());
     if (status == QVRCS_OK) break;
   }
+  qvrcs::TraceStatus(trace, qvrcs::SectionId::kAeq, status);
   return status;
 }

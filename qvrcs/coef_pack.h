@@ -5,8 +5,12 @@
 #include <cstddef>
 #include <cstdint>
 
+#include <string>
+
 #include "coefs.pb.h"
 #include "qvrcs/block_io.h"
+#include "qvrcs/qvrcs.h"
+#include "qvrcs/trace.h"
 
 namespace qvrcs {
 
@@ -24,6 +28,11 @@ inline bool TableRateIs(const com::qvr::pb::coef::CoefTable& table, uint32_t rat
   return SampleRateEquals(table.samplerate(), rate);
 }
 
+// Presence-checked selection (QVRCS_FindCoefTable) by index: -1 when no
+// table has the rate.
+int FindCoefTableIndex(const google::protobuf::RepeatedPtrField<com::qvr::pb::coef::CoefTable>& tables,
+                       uint32_t sampleRate);
+
 // Value `index` of a list, or 0 when the list is shorter.
 inline int32_t ValueOrZero(const CoefValues& values, size_t index) {
   return index < static_cast<size_t>(values.size()) ? values.Get(static_cast<int>(index)) : 0;
@@ -37,5 +46,101 @@ void PackCoeff16(BlockView view, size_t offset, const CoefValues& values);
 
 // Same for verbatim i32 words.
 void PackCoeff32(BlockView view, size_t offset, const CoefValues& values);
+
+// The trace's account of table `index` of its list, read as `bits`-bit values.
+TraceTable TableChoice(const com::qvr::pb::coef::CoefTable& table, int index, unsigned bits);
+
+// Packs the coeff_16 (`bits` 16) or coeff_32 (`bits` 32) values of `table`
+// from section offset `offset` on, as PackCoeff16 / PackCoeff32, and reports
+// the run: its own area ends `areaSize` bytes after `offset`.
+void PackTable(BlockView view, size_t offset, size_t areaSize, const com::qvr::pb::coef::CoefTable& table,
+               int index, unsigned bits, TraceObserver* trace);
+
+// Reports a run of `table` stored from section offset `offset` on, of which
+// `written` values landed inside the block.
+void TraceRun(TraceObserver* trace, BlockView view, size_t offset, size_t areaSize,
+              const com::qvr::pb::coef::CoefTable& table, int index, unsigned bits, size_t written);
+
+// Counts into `event` the coeff_16 values that do not fit 16 bits as they are.
+void NoteWraps(const CoefValues& values, TraceEvent& event);
+
+// Reports an event with `section` set on every event it passes on, and
+// `locator` on the locator's own event: the walks over locator lists hand it
+// to the loaders, which know neither.
+class LocatorStamp final : public TraceObserver {
+ public:
+  LocatorStamp(TraceObserver* next, SectionId section, int locator)
+      : next_(next), section_(section), locator_(locator) {}
+  void OnEvent(const TraceEvent& event) override {
+    TraceEvent stamped = event;
+    stamped.section = section_;
+    if (stamped.kind == TraceKind::kLocator) stamped.locator = locator_;
+    next_->OnEvent(stamped);
+  }
+  // What to hand to a loader: nullptr when nothing is traced.
+  TraceObserver* Get() { return next_ != nullptr ? this : nullptr; }
+
+ private:
+  TraceObserver* next_;
+  SectionId section_;
+  int locator_;
+};
+
+// Reports that a step of the postmix conversion filling `section` ended with `status`.
+inline void TraceStatus(TraceObserver* trace, SectionId section, int32_t status) {
+  if (trace == nullptr) return;
+  TraceEvent event;
+  event.kind = TraceKind::kStatus;
+  event.section = section;
+  event.status = status;
+  trace->OnEvent(event);
+}
+
+// Reports a word of a tail section stored from a coefficient record.
+inline void TraceWord(TraceObserver* trace, SectionId section, int32_t value, bool present) {
+  if (trace == nullptr) return;
+  TraceEvent event;
+  event.kind = TraceKind::kWord;
+  event.section = section;
+  event.offset = Section(section).offset;
+  event.value = value;
+  event.present = present;
+  trace->OnEvent(event);
+}
+
+// Where a uuid was found among the listening models.
+template <class Record>
+struct ModelMatch {
+  const Record* record = nullptr;  // nullptr: no model holds it
+  int model = -1;
+  int entry = -1;
+};
+
+// The first record of the models' lists (`list` picks rooms, headphones or
+// aeqs of a model) whose uuid matches `uuid`, models in list order.
+template <class Record, class List>
+ModelMatch<Record> FindInModels(const std::string& uuid, const ListeningModelList& models, List list) {
+  for (size_t m = 0; m < models.size(); ++m) {
+    const auto& records = list(models[m].get());
+    for (int i = 0; i < records.size(); ++i) {
+      if (QVRCS_UuidEqualsIgnoreCase(records.Get(i).uuid(), uuid)) {
+        return ModelMatch<Record>{&records.Get(i), static_cast<int>(m), i};
+      }
+    }
+  }
+  return {};
+}
+
+// A locator event for `match`, to be completed by the loader.
+template <class Record>
+TraceEvent LocatorEvent(const ModelMatch<Record>& match, const std::string& uuid) {
+  TraceEvent event;
+  event.kind = TraceKind::kLocator;
+  event.uuid = &uuid;
+  event.model = match.model;
+  event.entry = match.entry;
+  event.record = match.record;
+  return event;
+}
 
 }  // namespace qvrcs

@@ -16,6 +16,8 @@
 #include <google/protobuf/repeated_field.h>
 
 #include "qvrcs/block_io.h"
+#include "qvrcs/layout.h"
+#include "qvrcs/trace.h"
 
 namespace qvrcs {
 
@@ -73,12 +75,34 @@ inline void StoreField(BlockView section, size_t offset, Width width, int32_t va
   }
 }
 
+// The block a view belongs to, for the trace.
+inline TraceBlock TraceBlockOf(const BlockView& view) {
+  return view.blockSize == kPremixBlockSize ? TraceBlock::kPremix : TraceBlock::kPostmix;
+}
+
+// Reports one stored settings value.
+inline void TraceField(TraceObserver* trace, const BlockView& section, size_t offset, Width width,
+                       int32_t value) {
+  TraceEvent event;
+  event.kind = TraceKind::kField;
+  event.block = TraceBlockOf(section);
+  event.offset = section.base + offset;
+  event.width = static_cast<uint8_t>(width);
+  event.value = value;
+  event.wrapped = width == Width::k16 && FieldWraps16(value);
+  trace->OnEvent(event);
+}
+
 // Copies every present field of `table`, in table order; absent fields leave
 // their bytes as they are.
 template <class Msg>
-void CopyFields(const Msg& message, const FieldCopyTable<Msg>& table, BlockView section) {
+void CopyFields(const Msg& message, const FieldCopyTable<Msg>& table, BlockView section,
+                TraceObserver* trace = nullptr) {
   for (const FieldCopyEntry<Msg>& entry : table) {
-    if ((message.*entry.has)()) StoreField(section, entry.offset, table.width, (message.*entry.get)());
+    if (!(message.*entry.has)()) continue;
+    const int32_t value = (message.*entry.get)();
+    StoreField(section, entry.offset, table.width, value);
+    if (trace != nullptr) TraceField(trace, section, entry.offset, table.width, value);
   }
 }
 
@@ -95,20 +119,35 @@ constexpr size_t SlotOffset(const RepeatedCopyEntry<Msg>& entry, size_t index) {
 // Returns false when the copy was stopped.
 template <class Msg, class Check>
 bool CopyRepeated(const Msg& message, const RepeatedCopyEntry<Msg>& entry, BlockView section,
-                  Check check) {
+                  TraceObserver* trace, Check check) {
   const google::protobuf::RepeatedField<int32_t>& values = (message.*entry.get)();
   const size_t count = static_cast<size_t>(values.size());
-  for (size_t i = 0; i < count && i < entry.slots; ++i) {
+  const size_t stored = count < entry.slots ? count : entry.slots;
+  for (size_t i = 0; i < stored; ++i) {
     const int32_t value = values.Get(static_cast<int>(i));
-    StoreI32(section, SlotOffset(entry, i), value);
-    if (!check(value)) return false;
+    const size_t offset = SlotOffset(entry, i);
+    StoreI32(section, offset, value);
+    if (trace != nullptr) TraceField(trace, section, offset, Width::k32, value);
+    if (!check(value)) {
+      if (trace != nullptr) {
+        TraceEvent event;
+        event.kind = TraceKind::kStopped;
+        event.block = TraceBlockOf(section);
+        event.offset = section.base + offset;
+        event.value = value;
+        event.count = stored - i - 1;
+        trace->OnEvent(event);
+      }
+      return false;
+    }
   }
   return true;
 }
 
 template <class Msg>
-void CopyRepeated(const Msg& message, const RepeatedCopyEntry<Msg>& entry, BlockView section) {
-  CopyRepeated(message, entry, section, [](int32_t) { return true; });
+void CopyRepeated(const Msg& message, const RepeatedCopyEntry<Msg>& entry, BlockView section,
+                  TraceObserver* trace = nullptr) {
+  CopyRepeated(message, entry, section, trace, [](int32_t) { return true; });
 }
 
 }  // namespace qvrcs

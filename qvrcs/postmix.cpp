@@ -8,6 +8,7 @@
 // high-pass failure leaves a written crossover and an untouched Gorm section.
 #include "qvrcs/coef_pack.h"
 #include "qvrcs/qvrcs.h"
+#include "qvrcs/sections.h"
 #include "qvrcs/templates.h"
 
 using com::qvr::pb::coef::CoefTable;
@@ -16,6 +17,9 @@ using com::qvr::pb::korva_v1_1::Postmix;
 using com::qvr::pb::wbn::ResourceLocator;
 using qvrcs::BlockView;
 
+using qvrcs::Section;
+using qvrcs::SectionId;
+
 namespace {
 
 using LocatorList = google::protobuf::RepeatedPtrField<ResourceLocator>;
@@ -23,52 +27,75 @@ using LocatorList = google::protobuf::RepeatedPtrField<ResourceLocator>;
 // Every locator loads into the same slot, so the last success remains; the
 // first failure stops the walk. 1 (empty uuid) goes on.
 int32_t LoadRooms(const LocatorList& locators, const ListeningModelList& models, BlockView block,
-                  size_t slot, size_t capacity, uint32_t sampleRate) {
+                  SectionId id, uint32_t sampleRate, qvrcs::TraceObserver* trace) {
+  const qvrcs::SectionInfo& slot = Section(id);
   int32_t status = QVRCS_OK;
-  for (const ResourceLocator& locator : locators) {
-    status = QVRCS_LoadRoom(locator.uuid(), models, block.At(slot), capacity, sampleRate);
+  for (int i = 0; i < locators.size(); ++i) {
+    qvrcs::LocatorStamp stamp(trace, id, i);
+    status = QVRCS_LoadRoom(locators.Get(i).uuid(), models, block.At(slot.offset), slot.size, sampleRate,
+                            stamp.Get());
     if (status < 0) break;
   }
+  qvrcs::TraceStatus(trace, id, status);
   return status;
 }
 
 // Every locator is tried and only the last one's status counts: an earlier
 // failure is deliberately forgiven.
 int32_t LoadHeadphoneEqs(const LocatorList& locators, const ListeningModelList& models,
-                         BlockView block, uint32_t sampleRate) {
+                         BlockView block, uint32_t sampleRate, qvrcs::TraceObserver* trace) {
+  const qvrcs::SectionInfo& slot = Section(SectionId::kHeadphoneEq);
   int32_t status = QVRCS_OK;
-  for (const ResourceLocator& locator : locators) {
-    status = QVRCS_LoadHeadphoneEq(locator.uuid(), models, block.At(qvrcs::kHeadphoneEqSlot),
-                                   qvrcs::kHeadphoneEqCapacity, sampleRate);
+  for (int i = 0; i < locators.size(); ++i) {
+    qvrcs::LocatorStamp stamp(trace, SectionId::kHeadphoneEq, i);
+    status = QVRCS_LoadHeadphoneEq(locators.Get(i).uuid(), models, block.At(slot.offset), slot.size,
+                                   sampleRate, stamp.Get());
   }
+  qvrcs::TraceStatus(trace, SectionId::kHeadphoneEq, status);
   return status;
 }
 
 // Postmix high-pass filter. Nothing here is an error: no table for the rate,
 // or a table longer than the area, leaves the coefficients as they were.
 // Value-only selection, and the first table for the rate is final.
-void ConvertHpfCoef(const ConversionContext& context, const Postmix& postmix, BlockView block) {
-  if (!postmix.has_hpf_coef()) return;
-  const auto& hpf = postmix.hpf_coef();
-  if (hpf.has_order()) qvrcs::StoreI32(block, qvrcs::kHpfOrder, hpf.order());
-  for (const CoefTable& table : hpf.coeffs()) {
-    if (!qvrcs::TableRateIs(table, context.sampleRate)) continue;
-    if (static_cast<size_t>(table.coeff_32_size()) <= qvrcs::kHpfMaxCoefs) {
-      qvrcs::PackCoeff32(block, qvrcs::kHpfCoefs, table.coeff_32());
+void ConvertHpfCoef(const ConversionContext& context, const Postmix& postmix, BlockView block,
+                    qvrcs::TraceObserver* trace) {
+  if (postmix.has_hpf_coef()) {
+    const auto& hpf = postmix.hpf_coef();
+    if (hpf.has_order()) {
+      qvrcs::StoreI32(block, Section(SectionId::kHighPassOrder).offset, hpf.order());
+      qvrcs::TraceWord(trace, SectionId::kHighPassOrder, hpf.order(), true);
     }
-    return;
+    const qvrcs::SectionInfo& coefs = Section(SectionId::kHighPassCoefs);
+    qvrcs::LocatorStamp stamp(trace, SectionId::kHighPassCoefs, -1);
+    for (int i = 0; i < hpf.coeffs_size(); ++i) {
+      const CoefTable& table = hpf.coeffs(i);
+      if (!qvrcs::TableRateIs(table, context.sampleRate)) continue;
+      if (static_cast<size_t>(table.coeff_32_size()) <= coefs.capacity()) {
+        qvrcs::PackTable(block, coefs.offset, coefs.size, table, i, 32, stamp.Get());
+      } else if (trace != nullptr) {
+        qvrcs::TraceEvent event;
+        event.kind = qvrcs::TraceKind::kSkipped;
+        event.table = qvrcs::TableChoice(table, i, 32);
+        event.reason = qvrcs::SkipReason::kTooLong;
+        stamp.OnEvent(event);
+      }
+      break;
+    }
   }
+  qvrcs::TraceStatus(trace, SectionId::kHighPassOrder, QVRCS_OK);
+  qvrcs::TraceStatus(trace, SectionId::kHighPassCoefs, QVRCS_OK);
 }
 
 }  // namespace
 
 int32_t QVRCS_ConvertPostmix(const ConversionContext& context, const KorvaSettings& settings,
                              qvrcs::PostmixBlock& block, bool useTemplate,
-                             const ListeningModelList& models) {
+                             const ListeningModelList& models, qvrcs::TraceObserver* trace) {
   if (useTemplate) block = kPostmixTemplate;
   const BlockView whole{block.data(), block.size(), 0};
 
-  int32_t status = QVRCS_ConvertPostmixControls(context, settings, whole);
+  int32_t status = QVRCS_ConvertPostmixControls(context, settings, whole, trace);
   if (status != QVRCS_OK) return status;
 
   // The caller's models are searched first, the postmix's own model last.
@@ -84,27 +111,24 @@ int32_t QVRCS_ConvertPostmix(const ConversionContext& context, const KorvaSettin
   }
   const uint32_t rate = context.sampleRate;
 
-  status = LoadRooms(postmix.multichroom(), *list, whole, qvrcs::kMultichRoomSlot,
-                     qvrcs::kMultichRoomCapacity, rate);
-  if (status < 0) return status;
-  status = LoadRooms(postmix.frontroom(), *list, whole, qvrcs::kFrontRoomSlot,
-                     qvrcs::kFrontRoomCapacity, rate);
-  if (status < 0) return status;
-  status = LoadRooms(postmix.wideroom(), *list, whole, qvrcs::kWideRoomSlot,
-                     qvrcs::kWideRoomCapacity, rate);
+  for (const auto& [rooms, id] : {std::make_pair(&postmix.multichroom(), SectionId::kMultichRoom),
+                                  std::make_pair(&postmix.frontroom(), SectionId::kFrontRoom),
+                                  std::make_pair(&postmix.wideroom(), SectionId::kWideRoom)}) {
+    status = LoadRooms(*rooms, *list, whole, id, rate, trace);
+    if (status < 0) return status;
+  }
+
+  status = LoadHeadphoneEqs(postmix.hpeqcoef(), *list, whole, rate, trace);
   if (status < 0) return status;
 
-  status = LoadHeadphoneEqs(postmix.hpeqcoef(), *list, whole, rate);
+  ConvertHpfCoef(context, postmix, whole, trace);
+
+  status = QVRCS_ConvertAeqCoef(context, postmix, *list, whole, trace);
   if (status < 0) return status;
 
-  ConvertHpfCoef(context, postmix, whole);
-
-  status = QVRCS_ConvertAeqCoef(context, postmix, *list, whole);
+  status = QVRCS_ConvertVelmoXoverCoef(context, postmix, whole, trace);
   if (status < 0) return status;
-
-  status = QVRCS_ConvertVelmoXoverCoef(context, postmix, whole);
+  status = QVRCS_ConvertVelmoHpfCoef(context, postmix, whole, trace);
   if (status < 0) return status;
-  status = QVRCS_ConvertVelmoHpfCoef(context, postmix, whole);
-  if (status < 0) return status;
-  return QVRCS_ConvertGormCoef(context, postmix, whole);
+  return QVRCS_ConvertGormCoef(context, postmix, whole, trace);
 }

@@ -1,6 +1,7 @@
 // Rooms and headphone equalisers named by uuid: found in the listening
 // models, their coefficient table chosen for the working rate, and written
 // as fixed-header records into the slots of the postmix block.
+#include <algorithm>
 #include <array>
 #include <cctype>
 
@@ -42,28 +43,102 @@ int HexValue(char c) {
   return -1;
 }
 
-// First room / headphone EQ with a matching uuid, models in list order.
-const roomModel* FindRoom(const std::string& uuid, const ListeningModelList& models) {
-  for (const listeningModel& model : models) {
-    for (const roomModel& room : model.rooms()) {
-      if (QVRCS_UuidEqualsIgnoreCase(room.uuid(), uuid)) return &room;
-    }
-  }
-  return nullptr;
-}
-
-const headphoneEq* FindHeadphoneEq(const std::string& uuid, const ListeningModelList& models) {
-  for (const listeningModel& model : models) {
-    for (const headphoneEq& eq : model.headphones()) {
-      if (QVRCS_UuidEqualsIgnoreCase(eq.uuid(), uuid)) return &eq;
-    }
-  }
-  return nullptr;
-}
+const auto RoomsOf = [](const listeningModel& model) -> const auto& { return model.rooms(); };
+const auto HeadphonesOf = [](const listeningModel& model) -> const auto& { return model.headphones(); };
 
 // The record fields are unsigned counts; the DSP reads the same 32 bits.
 int32_t AsWord(uint32_t value) {
   return static_cast<int32_t>(value);
+}
+
+// The room record into `slot`; `event` (the locator's trace event) learns the
+// table chosen and where the record ends.
+int32_t LoadRoom(const roomModel* room, BlockView slot, size_t capacity, uint32_t sampleRate,
+                 qvrcs::TraceEvent& event, qvrcs::TraceObserver* trace) {
+  if (room == nullptr) return QVRCS_ERR_UNKNOWN_ROOM;
+
+  const auto& tables = room->coefftables();
+  const int index = qvrcs::FindCoefTableIndex(tables, sampleRate);
+  if (index < 0) return QVRCS_ERR_NO_COEF_TABLE;
+  const CoefTable* table = &tables.Get(index);
+  event.table = qvrcs::TableChoice(*table, index, 16);
+  if (table->coeff_16_size() == 0) return QVRCS_ERR_NO_COEF_TABLE;
+
+  const size_t count = static_cast<size_t>(table->coeff_16_size());
+  event.end = slot.base + kRoomCoefs + 2 * count;
+  if (trace != nullptr) qvrcs::NoteWraps(table->coeff_16(), event);
+  if (kRoomCoefs > capacity || count > (capacity - kRoomCoefs) / 2) {
+    return QVRCS_ERR_RECORD_TOO_LARGE;
+  }
+
+  QVRCS_PackUuid(room->uuid(), slot.At(kRoomUuid));
+  qvrcs::StoreI32(slot, kRoomChannelMask, AsWord(room->channelmask()));
+  qvrcs::StoreI32(slot, kRoomNumPairs, AsWord(room->numpairs()));
+  qvrcs::StoreI32(slot, kRoomBrirLength, AsWord(room->brirlength()));
+  qvrcs::StoreI32(slot, kRoomSampleRate, table->samplerate());
+  qvrcs::StoreI32(slot, kRoomReverbGain, room->reverbgain());
+  qvrcs::StoreI32(slot, kRoomReverbCut, AsWord(room->reverbcut()));
+  qvrcs::PackTable(slot, kRoomCoefs, capacity - kRoomCoefs, *table, event.table.index, 16, trace);
+  return QVRCS_OK;
+}
+
+int32_t LoadHeadphoneEq(const headphoneEq* eq, BlockView slot, size_t capacity, uint32_t sampleRate,
+                        qvrcs::TraceEvent& event, qvrcs::TraceObserver* trace) {
+  if (eq == nullptr) return QVRCS_NOTHING_TO_LOAD;  // an unknown headphone EQ is not an error
+
+  const auto& tables = eq->coefftables();
+  const int index = qvrcs::FindCoefTableIndex(tables, sampleRate);
+  if (index < 0) return QVRCS_ERR_NO_COEF_TABLE;
+  const CoefTable* table = &tables.Get(index);
+  event.table = qvrcs::TableChoice(*table, index, 16);
+  event.length = eq->ihpirlength();
+  if (table->coeff_16_size() == 0) return QVRCS_ERR_NO_COEF_TABLE;
+
+  if (trace != nullptr) qvrcs::NoteWraps(table->coeff_16(), event);
+  qvrcs::StoreI32(slot, kHpeqSampleRate, table->samplerate());
+  QVRCS_PackUuid(eq->uuid(), slot.At(kHpeqUuid));
+
+  const qvrcs::CoefValues& values = table->coeff_16();
+  size_t at = kHpeqCoefs;
+  for (size_t i = 0; i < kHpeqLeadValues; ++i, at += 2) {
+    qvrcs::StoreI16(slot, at, qvrcs::ValueOrZero(values, i));
+  }
+
+  if (eq->ihpirlength() <= kHpeqMaxTaps) {
+    // Short form: the rest of the table in order, not bounded by the slot
+    // (the block's end still is).
+    qvrcs::StoreI32(slot, kHpeqLength, AsWord(eq->ihpirlength()));
+    size_t written = std::min(static_cast<size_t>(values.size()), kHpeqLeadValues);
+    if (static_cast<size_t>(values.size()) > kHpeqLeadValues) {
+      written += qvrcs::StoreI16Run(slot, at, values.data() + kHpeqLeadValues,
+                                    static_cast<size_t>(values.size()) - kHpeqLeadValues);
+    }
+    qvrcs::TraceRun(trace, slot, kHpeqCoefs, capacity - kHpeqCoefs, *table, event.table.index, 16, written);
+    event.end = slot.base + kHpeqCoefs + 2 * static_cast<size_t>(values.size());
+    return QVRCS_OK;
+  }
+
+  // Long form: each channel cut to the first h taps, h being what the slot
+  // holds after its header, c0 and c1 (128 for the 540-byte slot). The second
+  // half starts in the middle of what follows c0 and c1; values missing from
+  // a short table read as 0.
+  const size_t headerHalfWords = kHpeqCoefs / 2 + kHpeqLeadValues;
+  const size_t taps = capacity / 2 > headerHalfWords ? (capacity / 2 - headerHalfWords) / 2 : 0;
+  const int64_t count = values.size();
+  const auto lead = static_cast<int64_t>(kHpeqLeadValues);
+  const size_t firstHalf = kHpeqLeadValues;
+  const auto secondHalf = static_cast<size_t>(lead + (count - lead) / 2);  // truncates toward 0
+
+  qvrcs::StoreI32(slot, kHpeqLength, AsWord(kHpeqMaxTaps));
+  for (size_t i = 0; i < taps; ++i, at += 2) {
+    qvrcs::StoreI16(slot, at, qvrcs::ValueOrZero(values, firstHalf + i));
+  }
+  for (size_t i = 0; i < taps; ++i, at += 2) {
+    qvrcs::StoreI16(slot, at, qvrcs::ValueOrZero(values, secondHalf + i));
+  }
+  event.taps = static_cast<uint32_t>(taps);
+  event.end = slot.base + at;
+  return QVRCS_OK;
 }
 
 }  // namespace
@@ -110,77 +185,38 @@ bool QVRCS_UuidEqualsIgnoreCase(const std::string& a, const std::string& b) {
 }
 
 int32_t QVRCS_LoadRoom(const std::string& uuid, const ListeningModelList& models, BlockView slot,
-                       size_t capacity, uint32_t sampleRate) {
-  if (uuid.empty()) return QVRCS_NOTHING_TO_LOAD;
-
-  const roomModel* room = FindRoom(uuid, models);
-  if (room == nullptr) return QVRCS_ERR_UNKNOWN_ROOM;
-
-  const CoefTable* table = QVRCS_FindCoefTable(room->coefftables(), sampleRate);
-  if (table == nullptr || table->coeff_16_size() == 0) return QVRCS_ERR_NO_COEF_TABLE;
-
-  const size_t count = static_cast<size_t>(table->coeff_16_size());
-  if (kRoomCoefs > capacity || count > (capacity - kRoomCoefs) / 2) {
-    return QVRCS_ERR_RECORD_TOO_LARGE;
+                       size_t capacity, uint32_t sampleRate, qvrcs::TraceObserver* trace) {
+  if (uuid.empty()) {
+    if (trace != nullptr) {
+      qvrcs::TraceEvent event = qvrcs::LocatorEvent(qvrcs::ModelMatch<roomModel>{}, uuid);
+      event.status = QVRCS_NOTHING_TO_LOAD;
+      trace->OnEvent(event);
+    }
+    return QVRCS_NOTHING_TO_LOAD;
   }
 
-  QVRCS_PackUuid(room->uuid(), slot.At(kRoomUuid));
-  qvrcs::StoreI32(slot, kRoomChannelMask, AsWord(room->channelmask()));
-  qvrcs::StoreI32(slot, kRoomNumPairs, AsWord(room->numpairs()));
-  qvrcs::StoreI32(slot, kRoomBrirLength, AsWord(room->brirlength()));
-  qvrcs::StoreI32(slot, kRoomSampleRate, table->samplerate());
-  qvrcs::StoreI32(slot, kRoomReverbGain, room->reverbgain());
-  qvrcs::StoreI32(slot, kRoomReverbCut, AsWord(room->reverbcut()));
-  qvrcs::PackCoeff16(slot, kRoomCoefs, table->coeff_16());
-  return QVRCS_OK;
+  const auto match = qvrcs::FindInModels<roomModel>(uuid, models, RoomsOf);
+  qvrcs::TraceEvent event = qvrcs::LocatorEvent(match, uuid);
+  event.capacity = capacity;
+  const int32_t status = LoadRoom(match.record, slot, capacity, sampleRate, event, trace);
+  if (trace != nullptr) {
+    event.status = status;
+    trace->OnEvent(event);
+  }
+  return status;
 }
 
 int32_t QVRCS_LoadHeadphoneEq(const std::string& uuid, const ListeningModelList& models,
-                              BlockView slot, size_t capacity, uint32_t sampleRate) {
+                              BlockView slot, size_t capacity, uint32_t sampleRate,
+                              qvrcs::TraceObserver* trace) {
   // No shortcut for an empty uuid: it matches a headphone EQ without one.
-  const headphoneEq* eq = FindHeadphoneEq(uuid, models);
-  if (eq == nullptr) return QVRCS_NOTHING_TO_LOAD;  // an unknown headphone EQ is not an error
-
-  const CoefTable* table = QVRCS_FindCoefTable(eq->coefftables(), sampleRate);
-  if (table == nullptr || table->coeff_16_size() == 0) return QVRCS_ERR_NO_COEF_TABLE;
-
-  qvrcs::StoreI32(slot, kHpeqSampleRate, table->samplerate());
-  QVRCS_PackUuid(eq->uuid(), slot.At(kHpeqUuid));
-
-  const qvrcs::CoefValues& values = table->coeff_16();
-  size_t at = kHpeqCoefs;
-  for (size_t i = 0; i < kHpeqLeadValues; ++i, at += 2) {
-    qvrcs::StoreI16(slot, at, qvrcs::ValueOrZero(values, i));
+  const auto match = qvrcs::FindInModels<headphoneEq>(uuid, models, HeadphonesOf);
+  qvrcs::TraceEvent event = qvrcs::LocatorEvent(match, uuid);
+  event.capacity = capacity;
+  const int32_t status = LoadHeadphoneEq(match.record, slot, capacity, sampleRate, event, trace);
+  if (trace != nullptr) {
+    event.status = status;
+    trace->OnEvent(event);
   }
-
-  if (eq->ihpirlength() <= kHpeqMaxTaps) {
-    // Short form: the rest of the table in order, not bounded by the slot
-    // (the block's end still is).
-    qvrcs::StoreI32(slot, kHpeqLength, AsWord(eq->ihpirlength()));
-    if (static_cast<size_t>(values.size()) > kHpeqLeadValues) {
-      qvrcs::StoreI16Run(slot, at, values.data() + kHpeqLeadValues,
-                         static_cast<size_t>(values.size()) - kHpeqLeadValues);
-    }
-    return QVRCS_OK;
-  }
-
-  // Long form: each channel cut to the first h taps, h being what the slot
-  // holds after its header, c0 and c1 (128 for the 540-byte slot). The second
-  // half starts in the middle of what follows c0 and c1; values missing from
-  // a short table read as 0.
-  const size_t headerHalfWords = kHpeqCoefs / 2 + kHpeqLeadValues;
-  const size_t taps = capacity / 2 > headerHalfWords ? (capacity / 2 - headerHalfWords) / 2 : 0;
-  const int64_t count = values.size();
-  const auto lead = static_cast<int64_t>(kHpeqLeadValues);
-  const size_t firstHalf = kHpeqLeadValues;
-  const auto secondHalf = static_cast<size_t>(lead + (count - lead) / 2);  // truncates toward 0
-
-  qvrcs::StoreI32(slot, kHpeqLength, AsWord(kHpeqMaxTaps));
-  for (size_t i = 0; i < taps; ++i, at += 2) {
-    qvrcs::StoreI16(slot, at, qvrcs::ValueOrZero(values, firstHalf + i));
-  }
-  for (size_t i = 0; i < taps; ++i, at += 2) {
-    qvrcs::StoreI16(slot, at, qvrcs::ValueOrZero(values, secondHalf + i));
-  }
-  return QVRCS_OK;
+  return status;
 }

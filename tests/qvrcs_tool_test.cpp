@@ -21,7 +21,7 @@
 #include "e2e_support.h"
 #include "qvrcs/block_map.h"
 #include "qvrcs/layout.h"
-#include "qvrcs/section_map.h"
+#include "qvrcs/sections.h"
 #include "qvrcsPB.pb.h"
 #include "tools/qvrcs/check.h"
 #include "tools/qvrcs/tool.h"
@@ -398,21 +398,6 @@ TEST_F(ToolTest, CheckSaysNothingOnTheExampleSet) {
 
 // ---- explain and diff -------------------------------------------------------
 
-TEST(SectionMapTest, SectionsCoverThePostmixBlockAfterTheControlSection) {
-  size_t next = qvrcs::PostmixControlFieldMap().back().offset + qvrcs::PostmixControlFieldMap().back().width / 8;
-  EXPECT_EQ(next, qvrcs::kPostmixControlSize);
-  const auto map = qvrcs::PostmixSectionMap();
-  for (const qvrcs::SectionInfo& section : map) {
-    EXPECT_EQ(section.offset, next) << section.name;
-    EXPECT_GT(section.size, 0u) << section.name;
-    EXPECT_EQ(section.size % (section.width / 8), 0u) << section.name;
-    EXPECT_EQ(qvrcs::SectionAt(map, section.offset + section.size - 1), &section) << section.name;
-    next = section.offset + section.size;
-  }
-  EXPECT_EQ(next, qvrcs::kPostmixBlockSize);
-  EXPECT_EQ(qvrcs::SectionAt(map, qvrcs::kPostmixBlockSize), nullptr);
-}
-
 // Every row of `json` by name and block.
 const Json* RowNamed(const Json& rows, const std::string& block, const std::string& name) {
   for (const Json& row : rows) {
@@ -455,13 +440,13 @@ TEST_F(ToolTest, ExplainNamesEveryConvertedFieldAtItsMappedOffset) {
       EXPECT_EQ((*row)["value"], next++) << field.path;
     }
   }
-  for (const qvrcs::SectionInfo& section : qvrcs::PostmixSectionMap()) {
+  for (const qvrcs::SectionInfo& section : qvrcs::kPostmixSections) {
     const Json* row = RowNamed(rows, "postmix", section.name);
     ASSERT_NE(row, nullptr) << section.name;
     EXPECT_EQ((*row)["offset"], section.offset);
     EXPECT_EQ((*row)["size"], section.size);
   }
-  EXPECT_EQ(rows.size(), premixMap.size() + postmixMap.size() + qvrcs::PostmixSectionMap().size() + 2);
+  EXPECT_EQ(rows.size(), premixMap.size() + postmixMap.size() + qvrcs::kPostmixSectionCount + 2);
 
   // The sections the file feeds name their records; the others keep the template.
   EXPECT_EQ((*RowNamed(rows, "postmix", "front_room"))["origin"], "file");

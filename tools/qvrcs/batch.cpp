@@ -48,31 +48,27 @@ CheckedInput CheckOneFile(const std::string& path, const BatchOptions& options, 
   CheckedInput checked;
   checked.input = path;
   const std::string shown = path == "-" ? "(standard input)" : path;
-  LoadOptions load;
-  load.format = options.format;
-  load.tuningOnly = true;
-  LoadedInput loaded;
+  std::string bytes;
   std::string error;
-  const bool ok = LoadInput(path, load, in, loaded, error);
-  if (ok && loaded.format == Format::kBinary && path != "-") {
+  if (!(path == "-" ? ReadStream(in, bytes, error) : ReadRegularFile(path, bytes, error))) {
+    checked.error = Shown(shown) + ": " + error;
+    return checked;
+  }
+  // A binary file goes to the reader as it is, parsable or not; a text file
+  // or standard input as a binary copy.
+  const Format format = options.format == Format::kAuto ? SniffFormat(bytes) : options.format;
+  if (format == Format::kBinary && path != "-") {
     checked.report = CheckFile(path, shown);
     return checked;
   }
-  if (!ok) {
-    // A binary file that does not parse is checked as the reader takes it.
-    const bool unreadable = error.rfind("cannot ", 0) == 0 || error.find("regular file") != std::string::npos ||
-                            error.find("directory") != std::string::npos || error.rfind("larger", 0) == 0 ||
-                            error == "empty file name";
-    if (loaded.format == Format::kBinary && path != "-" && !unreadable) {
-      checked.report = CheckFile(path, shown);
-    } else {
-      checked.error = Shown(shown) + (loaded.format == Format::kBinary ? ": " : ":") + error;
-    }
+  Qvrcs message;
+  Format used = Format::kBinary;
+  if (!ParseTuningAs(bytes, options.format, message, used, error) && used != Format::kBinary) {
+    checked.error = shown + ":" + error;
     return checked;
   }
-  // The reader takes a binary file by name.
   TempFile copy;
-  if (!copy.Write(loaded.input.tuning->SerializeAsString(), error)) {
+  if (!copy.Write(used == Format::kBinary ? bytes : message.SerializeAsString(), error)) {
     checked.error = shown + ": " + error;
     return checked;
   }

@@ -12,6 +12,7 @@
 #include "configurator/settings.h"
 #include "qvrcs/qvrcs.h"
 #include "tools/qvrcs/analysis.h"
+#include "tools/qvrcs/io.h"
 #include "tools/qvrcs/tuning.h"
 
 namespace qvrcs_tool {
@@ -50,54 +51,53 @@ void CheckSlot(SlotReport& slot, CheckReport& report) {
     report.warnings.push_back(CheckWarning{slot.slot, slot.filename, code, std::move(message), note});
   };
 
-  std::string bytes;
   std::string error;
-  const bool readable = ReadBytes(slot.path, bytes, error);
   struct stat info {};
-  if (!readable && stat(slot.path.c_str(), &info) == 0) {
+  if (stat(slot.path.c_str(), &info) == 0 && !CheckRegularFile(slot.path, error)) {
     // A FIFO, a device or a huge file: the reader would wait or read without end.
-    slot.readerStatus = kReaderFailed;
+    slot.readerStatus = qvr::kReaderFailed;
     slot.meaning = "the tuning file is not a regular file of a size the reader can take";
     slot.culprit = slot.path + ": " + error;
     return;
   }
   const ReaderRun run = RunReader(slot.path);
-  slot.readerStatus = run.status;
-  slot.log = run.log;
-  slot.loaded = run.status == 0;
+  const Conversion& conversion = *run.conversion;
+  slot.readerStatus = conversion.readerStatus;
+  slot.log = conversion.log;
+  slot.loaded = conversion.readerStatus == 0;
 
-  if (!readable) {
-    if (slot.loaded) {
-      warn("unparsable", slot.path + " " + error + ": the configurator uploads a blank payload and logs no error",
-           false);
+  const qvr::ReaderStage stage = conversion.reading->stage;
+  if (stage == qvr::ReaderStage::kCannotOpen || stage == qvr::ReaderStage::kUnparsable) {
+    std::string bytes;
+    if (!ReadBytes(slot.path, bytes, error)) {
+      if (slot.loaded) {
+        warn("unparsable",
+             slot.path + " " + error + ": the configurator uploads a blank payload and logs no error", false);
+      } else {
+        slot.meaning = "the tuning file could not be opened";
+        slot.culprit = slot.path + ": " + error;
+      }
     } else {
-      slot.meaning = "the tuning file could not be opened";
-      slot.culprit = slot.path + ": " + error;
+      warn("unparsable", "does not parse as a tuning file: the configurator uploads a blank (all-zero) "
+                         "payload and logs no error",
+           false);
     }
     return;
   }
-  Qvrcs message;
-  slot.parsed = ParseTuning(bytes, message);
-  if (!slot.parsed) {
-    warn("unparsable", "does not parse as a tuning file: the configurator uploads a blank (all-zero) "
-                       "payload and logs no error",
-         false);
-    return;
-  }
-  const std::unique_ptr<Conversion> conversion = Convert(message);
-  slot.premixStatus = conversion->premixStatus;
-  slot.postmixStatus = conversion->postmixStatus;
+  slot.parsed = true;
+  slot.premixStatus = conversion.premixStatus();
+  slot.postmixStatus = conversion.postmixStatus();
   if (!slot.loaded) {
-    if (!conversion->selected) {
+    if (!conversion.selected()) {
       slot.meaning = "nothing to convert";
     } else {
-      const int32_t failing = conversion->postmixStatus != 0 ? conversion->postmixStatus : conversion->premixStatus;
-      slot.meaning = std::string(conversion->postmixStatus != 0 ? "postmix " : "premix ") +
-                     std::to_string(failing) + ": " + QVRCS_StatusText(failing);
+      const int32_t failing = slot.postmixStatus != 0 ? slot.postmixStatus : slot.premixStatus;
+      slot.meaning = std::string(slot.postmixStatus != 0 ? "postmix " : "premix ") + std::to_string(failing) +
+                     ": " + QVRCS_StatusText(failing);
     }
-    slot.culprit = DiagnoseFailure(message, *conversion);
+    slot.culprit = DiagnoseFailure(conversion.reading->message, conversion);
   }
-  for (const Warning& w : FindSuspicious(message, *conversion)) warn(w.code.c_str(), w.message, w.note);
+  for (const Warning& w : FindSuspicious(conversion)) warn(w.code.c_str(), w.message, w.note);
 }
 
 }  // namespace

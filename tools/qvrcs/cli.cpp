@@ -289,55 +289,45 @@ int ConvertCommand(const ConvertOptions& o, const Streams& s) {
     s.Error("", "--json writes to standard output: give the payload a file with -o (see qvrcs convert --help)");
     return kExitUsage;
   }
-  LoadedInput input;
+  std::string bytes;
+  std::string error;
+  if (!(o.file == "-" ? ReadStream(s.in, bytes, error) : ReadRegularFile(o.file, bytes, error))) {
+    s.Error(Shown(o.file), error);
+    return kExitBadInput;
+  }
   Format format = Format::kAuto;
   if (!FormatOption(o.tuning.format, format, s)) return kExitUsage;
-  std::string error;
+  // The reader takes a binary file by name, parsable or not; a text file or
+  // standard input goes to it as a binary copy.
   std::string readerPath = o.file;
   TempFile copy;
-  bool parsed = true;
-  if (o.file != "-" && format != Format::kText && format != Format::kJson) {
-    // A binary file goes to the reader as it is, parsable or not.
-    std::string bytes;
-    if (!ReadRegularFile(o.file, bytes, error)) {
-      s.Error(Shown(o.file), error);
+  if (o.file == "-" || (format == Format::kAuto ? SniffFormat(bytes) : format) != Format::kBinary) {
+    Qvrcs message;
+    Format used = Format::kBinary;
+    const bool parsed = ParseTuningAs(bytes, format, message, used, error);
+    if (!parsed && used != Format::kBinary) {
+      s.Error(Shown(o.file) + ":" + error.substr(0, error.find(": ")), error.substr(error.find(": ") + 2));
       return kExitBadInput;
     }
-    Format used = Format::kBinary;
-    auto message = std::make_unique<Qvrcs>();
-    parsed = ParseTuningAs(bytes, format, *message, used, error);
-    if (used != Format::kBinary) {
-      if (!parsed) {
-        s.Error(Shown(o.file) + ":" + error.substr(0, error.find(": ")), error.substr(error.find(": ") + 2));
-        return kExitBadInput;
-      }
-      if (!copy.Write(message->SerializeAsString(), error)) {
-        s.Error(Shown(o.file), error);
-        return kExitBadInput;
-      }
-      readerPath = copy.path();
-    }
-    input.input.tuning = std::move(message);
-  } else {
-    if (!o.tuning.Load(o.file, input, s)) return kExitBadInput;
-    if (!copy.Write(input.input.tuning->SerializeAsString(), error)) {
+    if (!copy.Write(used == Format::kBinary ? bytes : message.SerializeAsString(), error)) {
       s.Error(Shown(o.file), error);
       return kExitBadInput;
     }
     readerPath = copy.path();
   }
   const ReaderRun run = RunReader(readerPath);
+  const Conversion& conversion = *run.conversion;
+  const bool parsed = conversion.reading->stage != qvr::ReaderStage::kUnparsable;
   std::string problem;
-  if (run.status != 0) {
-    const std::unique_ptr<Conversion> conversion = Convert(*input.input.tuning);
-    const std::string cause = DiagnoseFailure(*input.input.tuning, *conversion);
-    problem = "the configurator would not upload it (reader " + std::to_string(run.status) + ", premix " +
-              std::to_string(conversion->premixStatus) + ", postmix " + std::to_string(conversion->postmixStatus) +
-              ")" + (cause.empty() ? "" : ": " + cause);
+  if (conversion.readerStatus != 0) {
+    const std::string cause = DiagnoseFailure(conversion.reading->message, conversion);
+    problem = "the configurator would not upload it (reader " + std::to_string(conversion.readerStatus) +
+              ", premix " + std::to_string(conversion.premixStatus()) + ", postmix " +
+              std::to_string(conversion.postmixStatus()) + ")" + (cause.empty() ? "" : ": " + cause);
   } else if (!parsed) {
     problem = "does not parse as a tuning file: the configurator uploads this all-zero payload and logs no error";
   }
-  const bool write = run.status == 0;
+  const bool write = conversion.readerStatus == 0;
   if (write && !Emit(o.output, std::string(run.payload.begin(), run.payload.end()), {o.file}, s)) {
     return kExitBadInput;
   }
@@ -346,13 +336,13 @@ int ConvertCommand(const ConvertOptions& o, const Streams& s) {
     j["file"] = o.file;
     j["output"] = write ? Json(o.output) : Json(nullptr);
     j["bytes"] = write ? run.payload.size() : 0;
-    j["reader_status"] = run.status;
+    j["reader_status"] = conversion.readerStatus;
     j["parsed"] = parsed;
     if (!problem.empty()) j["problem"] = problem;
     s.out << JsonText(j) << "\n";
   } else if (write) {
     s.Status(Shown(o.file) + " -> " + o.output + ": " + std::to_string(run.payload.size()) + " bytes, reader status " +
-             std::to_string(run.status));
+             std::to_string(conversion.readerStatus));
   }
   if (!problem.empty()) {
     s.Error(Shown(o.file), problem);

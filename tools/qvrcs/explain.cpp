@@ -2,6 +2,7 @@
 
 #include <cstdio>
 #include <cstring>
+#include <map>
 
 #include "configurator/payload.h"
 #include "qvrcs/block_io.h"
@@ -9,7 +10,7 @@
 #include "qvrcs/field_tables.h"
 #include "qvrcs/qvrcs.h"
 #include "qvrcs/record_layout.h"
-#include "qvrcs/section_map.h"
+#include "qvrcs/sections.h"
 #include "qvrcs/templates.h"
 #include "tools/qvrcs/analysis.h"
 
@@ -104,19 +105,36 @@ std::string Holds(const std::vector<uint8_t>& p, const qvrcs::SectionInfo& s, si
   return {};
 }
 
-// Index of the first negative entry of an Enhance2 ref_htest list, or -1.
-int FirstNegativeRefHtest(const KorvaSettings& settings, const std::string& record) {
-  int32_t value = 0;
-  for (int i = 0; ValueAt(settings, record + ".enhance2.ref_htest[" + std::to_string(i) + "]", value); ++i) {
-    if (value < 0) return i;
+// What the converters stored in one block, by offset, from the trace.
+struct Stores {
+  std::map<size_t, const qvrcs::TraceEvent*> fields;  // the settings value stored there
+  std::map<size_t, std::string> notes;                // how the value came about
+};
+
+Stores StoresOf(const Conversion* conversion, qvrcs::TraceBlock block) {
+  Stores stores;
+  if (conversion == nullptr) return stores;
+  for (const qvrcs::TraceEvent& e : conversion->trace.events) {
+    if (e.block != block || e.section != qvrcs::SectionId::kNone) continue;
+    if (e.kind == qvrcs::TraceKind::kField) {
+      stores.fields[e.offset] = &e;
+      if (e.wrapped) stores.notes[e.offset] = "the file gives " + std::to_string(e.value) + ", wrapped to 16 bits";
+    } else if (e.kind == qvrcs::TraceKind::kRewritten) {
+      stores.notes[e.offset] =
+          "the file gives " + std::to_string(e.value) + ", stored as " + std::to_string(e.stored);
+    } else if (e.kind == qvrcs::TraceKind::kStopped) {
+      for (size_t i = 1; i <= e.count; ++i) {
+        stores.notes[e.offset + 4 * i] = "not written: an earlier ref_htest entry is negative";
+      }
+    }
   }
-  return -1;
+  return stores;
 }
 
 void AddFields(View& view, const char* block, size_t payloadBase, const std::vector<qvrcs::FieldInfo>& map,
-               const KorvaSettings* settings, const std::vector<uint8_t>& templ) {
-  const int negative = settings != nullptr ? FirstNegativeRefHtest(*settings, block) : -1;
-  const std::string refPrefix = std::string(block) + ".enhance2.ref_htest[";
+               const Conversion* conversion, const std::vector<uint8_t>& templ) {
+  const Stores stores =
+      StoresOf(conversion, std::string(block) == "premix" ? qvrcs::TraceBlock::kPremix : qvrcs::TraceBlock::kPostmix);
   for (const qvrcs::FieldInfo& field : map) {
     Row row;
     row.block = block;
@@ -128,26 +146,21 @@ void AddFields(View& view, const char* block, size_t payloadBase, const std::vec
     row.isField = true;
     row.value = Value(view.payload, row.payloadOffset, field.width);
     const bool asTemplate = SameBytes(view.payload, templ, row.payloadOffset, row.size);
-    int32_t given = 0;
+    const auto note = stores.notes.find(field.offset);
     if (field.kind == qvrcs::FieldKind::kReserved) {
       row.origin = asTemplate ? "template" : "changed";
       row.note = "reserved";
     } else if (field.kind == qvrcs::FieldKind::kAlwaysZero) {
       row.origin = view.isPayload && row.value != 0 ? "changed" : "conversion";
       row.note = "reserved, always 0";
-    } else if (settings == nullptr) {
+    } else if (conversion == nullptr) {
       row.origin = asTemplate ? "template" : "changed";
-    } else if (ValueAt(*settings, field.path, given)) {
+    } else if (stores.fields.count(field.offset) != 0) {
       row.origin = "file";
-      if (field.path.rfind(refPrefix, 0) == 0 && negative >= 0 &&
-          std::atoi(field.path.c_str() + refPrefix.size()) > negative) {
-        row.origin = "template";
-        row.note = "not written: an earlier ref_htest entry is negative";
-      } else if (field.width == 16 && static_cast<int16_t>(given & 0xFFFF) != given) {
-        row.note = "the file gives " + std::to_string(given) + ", wrapped to 16 bits";
-      } else if (field.offset == qvrcs::kZellMultiChWord && std::string(block) == "postmix" && given == -1) {
-        row.note = "the file gives -1, stored as 0";
-      }
+      if (note != stores.notes.end()) row.note = note->second;
+    } else if (note != stores.notes.end()) {
+      row.origin = "template";
+      row.note = note->second;
     } else {
       row.origin = asTemplate ? "template" : "conversion";
     }
@@ -156,7 +169,7 @@ void AddFields(View& view, const char* block, size_t payloadBase, const std::vec
 }
 
 void AddSections(View& view, const Analysis* analysis, const std::vector<uint8_t>& templ) {
-  for (const qvrcs::SectionInfo& s : qvrcs::PostmixSectionMap()) {
+  for (const qvrcs::SectionInfo& s : qvrcs::kPostmixSections) {
     Row row;
     row.block = "postmix";
     row.name = s.name;
@@ -169,19 +182,18 @@ void AddSections(View& view, const Analysis* analysis, const std::vector<uint8_t
     row.holds = Holds(view.payload, s, row.payloadOffset);
     row.source = s.source;
     const bool asTemplate = SameBytes(view.payload, templ, row.payloadOffset, row.size);
-    const SectionOrigin* origin = analysis != nullptr ? analysis->Section(s.name) : nullptr;
-    if (origin == nullptr) {
+    if (s.kind == qvrcs::SectionKind::kFixedWords || analysis == nullptr) {
       row.origin = asTemplate ? "template" : "changed";
-    } else if (origin->fromFile && (view.postmixStatus == 0 || !asTemplate)) {
-      row.origin = "file";
-      if (!origin->source.empty()) row.source = origin->source;
-      row.note = origin->detail;
-    } else if (origin->fromFile) {
-      row.origin = "template";
+    } else if (const SectionOrigin& origin = analysis->Section(s.id); !origin.reached) {
+      row.origin = asTemplate ? "template" : "changed";
       row.note = "not written: the conversion stopped before this section";
+    } else if (origin.fromFile) {
+      row.origin = "file";
+      if (!origin.source.empty()) row.source = origin.source;
+      row.note = origin.detail;
     } else {
       row.origin = asTemplate ? "template" : "conversion";
-      row.note = origin->detail;
+      row.note = origin.detail;
     }
     if (s.kind == qvrcs::SectionKind::kFixedWords) row.note = "no conversion writes these words";
     view.rows.push_back(row);
@@ -205,7 +217,7 @@ void AddFadeArea(View& view, const char* name, size_t at) {
 
 }  // namespace
 
-View BuildView(const Input& input) {
+View BuildView(Input& input) {
   View view;
   view.path = input.path;
   view.isPayload = input.isPayload;
@@ -215,23 +227,23 @@ View BuildView(const Input& input) {
   if (input.isPayload) {
     view.payload = input.payload;
   } else {
-    conversion = Convert(*input.tuning);
-    view.converted = conversion->selected;
-    if (!conversion->selected) {
-      view.failure = conversion->selectError;
+    conversion = Convert(input);
+    view.converted = conversion->selected();
+    if (!view.converted) {
+      view.failure = conversion->SelectError();
       view.payload = templ;
     } else {
-      view.premixStatus = conversion->premixStatus;
-      view.postmixStatus = conversion->postmixStatus;
-      view.payload = PayloadOf(*conversion);
+      view.premixStatus = conversion->premixStatus();
+      view.postmixStatus = conversion->postmixStatus();
+      view.payload = conversion->Payload();
       if (!conversion->ok()) view.failure = DiagnoseFailure(*input.tuning, *conversion);
-      analysis = std::make_unique<Analysis>(Analyse(*conversion->settings));
+      analysis = std::make_unique<Analysis>(Analyse(*conversion));
     }
   }
-  const KorvaSettings* settings = view.converted ? conversion->settings : nullptr;
-  AddFields(view, "premix", qvr::kPremixPayloadOffset, qvrcs::PremixFieldMap(), settings, templ);
+  const Conversion* converted = view.converted ? conversion.get() : nullptr;
+  AddFields(view, "premix", qvr::kPremixPayloadOffset, qvrcs::PremixFieldMap(), converted, templ);
   AddFadeArea(view, "premix_fade", qvr::kPremixFadeOffset);
-  AddFields(view, "postmix", qvr::kPostmixPayloadOffset, qvrcs::PostmixControlFieldMap(), settings, templ);
+  AddFields(view, "postmix", qvr::kPostmixPayloadOffset, qvrcs::PostmixControlFieldMap(), converted, templ);
   AddSections(view, analysis.get(), templ);
   AddFadeArea(view, "postmix_fade", qvr::kPostmixFadeOffset);
   return view;

@@ -1,7 +1,7 @@
 // The field-by-field view of what the DSP receives for one tuning file (or
 // one payload file): every field of the premix block and the postmix control
 // section from the converters' field maps (qvrcs/block_map.h), then every
-// section of the rest of the postmix block (qvrcs/section_map.h), each with
+// section of the rest of the postmix block (qvrcs/sections.h), each with
 // its value and where it came from.
 #pragma once
 
@@ -41,7 +41,7 @@ struct View {
 };
 
 // Builds the view of one input.
-View BuildView(const Input& input);
+View BuildView(Input& input);
 
 // Rows whose bytes differ between two views (by position: both views have
 // the same rows), as pairs of (a, b).

@@ -105,6 +105,11 @@ bool IsUpload(const std::string& bytes) {
 
 }  // namespace
 
+Format SniffFormat(const std::string& bytes) {
+  if (!LooksLikeText(bytes)) return Format::kBinary;
+  return LooksLikeJson(bytes) ? Format::kJson : Format::kText;
+}
+
 bool ParseFormat(const std::string& name, Format& format) {
   for (const Format f : {Format::kAuto, Format::kBinary, Format::kText, Format::kJson}) {
     if (name == FormatName(f)) {
@@ -135,8 +140,9 @@ bool ParseTuningAs(const std::string& bytes, Format format, Qvrcs& message, Form
       format = LooksLikeJson(bytes) ? Format::kJson : Format::kText;
       // A short binary file can happen to hold printable bytes only.
       Qvrcs binary;
+      QuietProtobufLog();
       if (!(format == Format::kJson ? ParseJson(bytes, message, error) : ParseText(bytes, message, error)) &&
-          ParseTuning(bytes, binary)) {
+          qvr::ParseTuningBytes(bytes, binary)) {
         message = std::move(binary);
         format = Format::kBinary;
       }
@@ -152,7 +158,8 @@ bool ParseTuningAs(const std::string& bytes, Format format, Qvrcs& message, Form
     case Format::kJson:
       return ParseJson(bytes, message, error);
     default:
-      if (ParseTuning(bytes, message)) return true;
+      QuietProtobufLog();
+      if (qvr::ParseTuningBytes(bytes, message)) return true;
       error = "does not parse as a tuning file (truncated, or not a tuning file)";
       return false;
   }
@@ -170,12 +177,13 @@ bool LoadInput(const std::string& path, const LoadOptions& options, std::istream
       (IsUpload(bytes) || bytes.size() == static_cast<size_t>(qvr::kDriverCacheSize))) {
     return LoadDeviceSide(bytes, options, loaded, error);
   }
-  auto message = std::make_unique<Qvrcs>();
+  auto reading = std::make_unique<qvr::TuningReading>();
   Format used = Format::kBinary;
-  const bool parsed = ParseTuningAs(bytes, options.format, *message, used, error);
+  const bool parsed = ParseTuningAs(bytes, options.format, reading->message, used, error);
   loaded.format = used;
   if (parsed) {
-    loaded.input.tuning = std::move(message);
+    loaded.input.reading = std::move(reading);
+    loaded.input.tuning = &loaded.input.reading->message;
     loaded.form = used == Format::kBinary ? "tuning file" : std::string(FormatName(used)) + " tuning file";
     return true;
   }

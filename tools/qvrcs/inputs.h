@@ -44,6 +44,9 @@ struct LoadedInput {
 bool LoadInput(const std::string& path, const LoadOptions& options, std::istream& in, LoadedInput& loaded,
                std::string& error);
 
+// How `bytes` look: text, JSON or (anything else) binary; nothing is parsed.
+Format SniffFormat(const std::string& bytes);
+
 // Parses `bytes` as a tuning file written as `format` (kAuto: by content);
 // `used` is the form found. Errors as LoadInput's.
 bool ParseTuningAs(const std::string& bytes, Format format, Qvrcs& message, Format& used, std::string& error);

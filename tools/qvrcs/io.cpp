@@ -31,19 +31,15 @@ struct Fd {
   }
 };
 
-}  // namespace
-
-std::string Shown(const std::string& path) { return path.empty() ? "\"\"" : path; }
-
-bool ReadRegularFile(const std::string& path, std::string& bytes, std::string& error) {
+// Opens `path` when it is a regular file of at most kMaxInputSize bytes.
+bool OpenRegular(const std::string& path, Fd& file, struct stat& info, std::string& error) {
   if (path.empty()) {
     error = "empty file name";
     return false;
   }
   // O_NONBLOCK: opening a FIFO must not wait for a writer.
-  Fd file{open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC)};
+  file.fd = open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
   if (file.fd < 0) {
-    struct stat info {};
     if (errno != ENOENT && stat(path.c_str(), &info) == 0 && S_ISDIR(info.st_mode)) {
       error = "is a directory, not a file";
     } else {
@@ -51,7 +47,6 @@ bool ReadRegularFile(const std::string& path, std::string& bytes, std::string& e
     }
     return false;
   }
-  struct stat info {};
   if (fstat(file.fd, &info) != 0) {
     error = std::string("cannot read: ") + std::strerror(errno);
     return false;
@@ -65,6 +60,23 @@ bool ReadRegularFile(const std::string& path, std::string& bytes, std::string& e
     error = TooLarge();
     return false;
   }
+  return true;
+}
+
+}  // namespace
+
+std::string Shown(const std::string& path) { return path.empty() ? "\"\"" : path; }
+
+bool CheckRegularFile(const std::string& path, std::string& error) {
+  Fd file;
+  struct stat info {};
+  return OpenRegular(path, file, info, error);
+}
+
+bool ReadRegularFile(const std::string& path, std::string& bytes, std::string& error) {
+  Fd file;
+  struct stat info {};
+  if (!OpenRegular(path, file, info, error)) return false;
   bytes.clear();
   bytes.resize(static_cast<size_t>(info.st_size));
   size_t got = 0;

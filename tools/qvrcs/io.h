@@ -24,6 +24,10 @@ std::string Shown(const std::string& path);
 // regular file", "larger than 67108864 bytes", ...).
 bool ReadRegularFile(const std::string& path, std::string& bytes, std::string& error);
 
+// Whether `path` is a regular file of at most kMaxInputSize bytes; false
+// with the reason, as ReadRegularFile gives it. Nothing is read.
+bool CheckRegularFile(const std::string& path, std::string& error);
+
 // Reads at most kMaxInputSize bytes from `in` (standard input).
 bool ReadStream(std::istream& in, std::string& bytes, std::string& error);
 

@@ -4,7 +4,7 @@
 
 #include "qvrcs/block_io.h"
 #include "qvrcs/record_layout.h"
-#include "qvrcs/section_map.h"
+#include "qvrcs/sections.h"
 
 namespace qvrcs_tool {
 namespace {
@@ -34,10 +34,9 @@ std::string Uuid(const std::vector<uint8_t>& p, size_t at) {
 
 Json SectionData(const std::vector<uint8_t>& p, const Row& row) {
   if (row.isField || row.block != "postmix") return nullptr;
-  const auto map = qvrcs::PostmixSectionMap();
   const qvrcs::SectionInfo* found = nullptr;
-  for (const qvrcs::SectionInfo& section : map) {
-    if (section.name == row.name) found = &section;
+  for (const qvrcs::SectionInfo& section : qvrcs::kPostmixSections) {
+    if (row.name == section.name) found = &section;
   }
   if (found == nullptr || row.payloadOffset + found->size > p.size()) return nullptr;
   const qvrcs::SectionInfo& s = *found;
