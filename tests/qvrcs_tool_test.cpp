@@ -70,6 +70,8 @@ Qvrcs GoodTuning() {
   auto* room = model->add_rooms();
   room->set_uuid(kUuid);
   room->set_numpairs(1);
+  room->set_channelmask(3);
+  room->set_brirlength(50);
   AddTable16(room->mutable_coefftables(), 48000, Ramp(100, 1));
   postmix->add_frontroom()->set_uuid(kUuid);
   auto* eq = model->add_headphones();
@@ -323,6 +325,47 @@ const WarningCase kWarnings[] = {
     {"extra technology",
      [](Qvrcs& t) { t.mutable_workspace(0)->mutable_routeconfiguration(0)->add_tech(); }, "ignored",
      "workspace[0].routeConfiguration[0] has 2 tech records: only the first is used", false},
+    // What the DSP gets silently wrong.
+    {"room locator without uuid", [](Qvrcs& t) { PostmixOf(t).mutable_frontroom(0)->set_uuid(""); }, "room-no-uuid",
+     "postmix.frontRoom[0]: empty uuid: nothing is loaded and the DSP gets front_room as the template left it",
+     false},
+    {"room uuid that is not a uuid",
+     [](Qvrcs& t) {
+       PostmixOf(t).mutable_model()->mutable_rooms(0)->set_uuid("living-room");
+       PostmixOf(t).mutable_frontroom(0)->set_uuid("living-room");
+     },
+     "uuid-form", "uuid \"living-room\" is not 32 hex digits in 8-4-4-4-12 form", false},
+    {"headphone EQ uuid that is not a uuid",
+     [](Qvrcs& t) {
+       PostmixOf(t).mutable_model()->mutable_headphones(0)->set_uuid("zz1c2a3b-0000-4000-8000-00000000a001");
+       PostmixOf(t).mutable_hpeqcoef(0)->set_uuid("zz1c2a3b-0000-4000-8000-00000000a001");
+     },
+     "uuid-form", "uuid \"zz1c2a3b-0000-4000-8000-00000000a001\" is not 32 hex digits", false},
+    {"room response longer than its section",
+     [](Qvrcs& t) {
+       PostmixOf(t).mutable_model()->mutable_rooms(0)->set_brirlength(7000);
+       PostmixOf(t).mutable_model()->mutable_rooms(0)->set_numpairs(0);
+     },
+     "room-header", "brirLength 7000 is larger than the section, which holds 6150 values", false},
+    {"room with more pairs than channels",
+     [](Qvrcs& t) {
+       PostmixOf(t).mutable_model()->mutable_rooms(0)->set_numpairs(3);
+       PostmixOf(t).mutable_model()->mutable_rooms(0)->set_brirlength(10);
+     },
+     "room-header", "numPairs 3 but channelMask 3 names 2 channels", false},
+    {"room with fewer values than its header says",
+     [](Qvrcs& t) { PostmixOf(t).mutable_model()->mutable_rooms(0)->set_brirlength(60); }, "room-header",
+     "100 values, fewer than numPairs x 2 x brirLength = 120", false},
+    {"more entries than slots",
+     [](Qvrcs& t) {
+       for (int i = 0; i < 9; ++i) PostmixOf(t).add_zell_input_gain(-100 * i);
+     },
+     "dropped", "postmix.zell_input_gain has 9 entries, the block 6 slots: the last 3 are dropped", false},
+    {"filter enabled without coefficients", [](Qvrcs& t) { PostmixOf(t).set_hpf_enable(1); }, "filter-no-coefs",
+     "postmix.hpf_enable enables the filter, but postmix.hpf_coef.coeffs gives it no non-zero coefficient", false},
+    {"empty settings",
+     [](Qvrcs& t) { t.mutable_workspace(0)->mutable_routeconfiguration(0)->mutable_tech(0)->clear_korva_v1_1(); },
+     "empty-settings", "tech[0] holds no premix or postmix settings: the DSP gets the templates only", false},
 };
 
 TEST_F(ToolTest, CheckWarnsOfDataTheConfiguratorTakesSilently) {
@@ -514,6 +557,34 @@ TEST_F(ToolTest, DiffListsExactlyTheFieldsThatDiffer) {
   EXPECT_EQ(run.status, qvrcs_tool::kExitOk) << run.out;
   EXPECT_NE(run.out.find("b: " + payload + ": payload; "), std::string::npos) << run.out;
   EXPECT_NE(run.out.find("0 fields or sections differ"), std::string::npos);
+}
+
+TEST_F(ToolTest, ExplainAndDiffShowWhatCheckWarnsOfAtTheField) {
+  Qvrcs tuning = GoodTuning();
+  PostmixOf(tuning).mutable_model()->mutable_rooms(0)->mutable_coefftables(0)->set_coeff_16(3, 70000);
+  for (int i = 0; i < 9; ++i) PostmixOf(tuning).add_zell_input_gain(i);
+  const std::string path = Write("warned.bin", tuning);
+  const ToolRun text = RunTool({"explain", "--changed", path});
+  ASSERT_EQ(text.status, qvrcs_tool::kExitOk);
+  const size_t room = text.out.find("front_room");
+  ASSERT_NE(room, std::string::npos) << text.out;
+  EXPECT_NE(text.out.find("warning: room postmix.model.rooms[0]", room), std::string::npos) << text.out;
+  const Json json = Json::parse(RunTool({"explain", "--json", path}).out);
+  EXPECT_EQ((*RowNamed(json["rows"], "postmix", "front_room"))["warnings"][0]["code"], "wrap16");
+  EXPECT_EQ((*RowNamed(json["rows"], "postmix", "postmix.zell_input_gain[0]"))["warnings"][0]["code"], "dropped");
+  EXPECT_EQ(json["warnings"].size(), 2u);
+
+  // The blocks of six and of nine entries agree; the dropped three still show.
+  Qvrcs six = GoodTuning();
+  for (int i = 0; i < 6; ++i) PostmixOf(six).add_zell_input_gain(i);
+  Qvrcs nine = six;
+  for (int i = 6; i < 9; ++i) PostmixOf(nine).add_zell_input_gain(i);
+  const ToolRun diff = RunTool({"diff", Write("six.bin", six), Write("nine.bin", nine)});
+  EXPECT_EQ(diff.status, qvrcs_tool::kExitFindings);
+  EXPECT_NE(diff.out.find("b only: warning: postmix.zell_input_gain has 9 entries, the block 6 slots: the last 3 "
+                          "are dropped [dropped]\n0 fields or sections differ, 1 warning differs"),
+            std::string::npos)
+      << diff.out;
 }
 
 // ---- convert ----------------------------------------------------------------

@@ -6,6 +6,7 @@
 #include <unistd.h>
 
 #include <CLI/CLI.hpp>
+#include <algorithm>
 #include <cstdio>
 #include <iomanip>
 #include <iostream>
@@ -85,6 +86,16 @@ std::string Outcome(const LoadedInput& in, const View& v) {
          (v.failure.empty() ? "" : "\n  cause: " + v.failure);
 }
 
+Json WarningsJson(const std::vector<Warning>& warnings) {
+  Json list = Json::array();
+  for (const Warning& w : warnings) {
+    list.push_back({{"level", w.note ? "note" : "warning"}, {"code", w.code}, {"message", w.message}, {"at", w.at}});
+  }
+  return list;
+}
+
+std::string WarningLine(const Warning& w) { return (w.note ? "note: " : "warning: ") + w.message + " [" + w.code + "]"; }
+
 // A row as data; a section's bytes decoded into `data`.
 Json RowJson(const View& v, const Row& r) {
   Json j = {{"block", r.block},
@@ -99,6 +110,7 @@ Json RowJson(const View& v, const Row& r) {
   if (!data.is_null()) j["data"] = data;
   if (!r.source.empty()) j["source"] = r.source;
   if (!r.note.empty()) j["note"] = r.note;
+  if (!r.warnings.empty()) j["warnings"] = WarningsJson(r.warnings);
   return j;
 }
 
@@ -116,6 +128,7 @@ Json ViewJson(const LoadedInput& in, const View& v) {
     j["postmix_status"] = v.postmixStatus;
     j["loads"] = v.converted && v.premixStatus == 0 && v.postmixStatus == 0;
     if (!v.failure.empty()) j["failure"] = v.failure;
+    j["warnings"] = WarningsJson(v.warnings);
   }
   return j;
 }
@@ -127,6 +140,7 @@ void PrintRow(std::ostream& out, const Row& r) {
         << std::setw(11) << r.value << "  " << r.origin;
     if (!r.note.empty()) out << " (" << r.note << ")";
     out << "\n";
+    for (const Warning& w : r.warnings) out << "              " << WarningLine(w) << "\n";
     return;
   }
   out << std::setw(5) << r.size << "B  " << std::left << std::setw(22) << r.name << std::right << r.origin;
@@ -134,6 +148,7 @@ void PrintRow(std::ostream& out, const Row& r) {
   out << "\n";
   if (!r.note.empty()) out << "              " << r.note << "\n";
   out << "              holds " << r.holds << "\n";
+  for (const Warning& w : r.warnings) out << "              " << WarningLine(w) << "\n";
 }
 
 void PrintHeading(std::ostream& out, const std::string& block, const std::string& last) {
@@ -174,7 +189,9 @@ int ExplainCommand(const ExplainOptions& o, const Streams& s) {
   LoadedInput input;
   if (!o.view.Load(o.file, input, s)) return kExitBadInput;
   const View view = BuildView(input.input);
-  auto shown = [&](const Row& r) { return !o.changed || (r.origin != "template" && r.origin != "zero"); };
+  auto shown = [&](const Row& r) {
+    return !o.changed || (r.origin != "template" && r.origin != "zero") || !r.warnings.empty();
+  };
   // A tuning file the configurator would not upload is a finding, as for convert.
   const bool loads = view.isPayload || (view.converted && view.premixStatus == 0 && view.postmixStatus == 0);
   const int status = loads ? kExitOk : kExitFindings;
@@ -191,6 +208,9 @@ int ExplainCommand(const ExplainOptions& o, const Streams& s) {
     return status;
   }
   s.out << Outcome(input, view) << "\n";
+  for (const Warning& w : view.warnings) {
+    if (w.at.empty()) s.out << WarningLine(w) << "\n";
+  }
   std::string last;
   for (const Row& r : view.rows) {
     if (!shown(r)) continue;
@@ -221,6 +241,21 @@ int DiffCommand(const DiffOptions& o, const Streams& s) {
   const View va = BuildView(a.input);
   const View vb = BuildView(b.input);
   const auto diffs = DiffViews(va, vb);
+  // What check says of one file and not of the other (the blocks may agree:
+  // entries past a repeated field's slots change nothing the DSP gets).
+  auto only = [](const View& x, const View& y) {
+    std::vector<Warning> list;
+    for (const Warning& w : x.warnings) {
+      const bool shared = std::any_of(y.warnings.begin(), y.warnings.end(), [&](const Warning& other) {
+        return other.code == w.code && other.message == w.message;
+      });
+      if (!shared) list.push_back(w);
+    }
+    return list;
+  };
+  const std::vector<Warning> onlyA = only(va, vb);
+  const std::vector<Warning> onlyB = only(vb, va);
+  const int status = diffs.empty() && onlyA.empty() && onlyB.empty() ? kExitOk : kExitFindings;
   if (o.json) {
     Json j = Document("diff");
     j["a"] = ViewJson(a, va);
@@ -234,8 +269,10 @@ int DiffCommand(const DiffOptions& o, const Streams& s) {
       rows.push_back(row);
     }
     j["differences"] = rows;
+    j["warnings_only_in_a"] = WarningsJson(onlyA);
+    j["warnings_only_in_b"] = WarningsJson(onlyB);
     s.out << JsonText(j) << "\n";
-    return diffs.empty() ? kExitOk : kExitFindings;
+    return status;
   }
   s.out << "a: " << Outcome(a, va) << "\n";
   s.out << "b: " << Outcome(b, vb) << "\n";
@@ -259,9 +296,13 @@ int DiffCommand(const DiffOptions& o, const Streams& s) {
             << "                 holds " << r->holds << "\n";
     }
   }
-  s.out << diffs.size() << (diffs.size() == 1 ? " field or section differs" : " fields or sections differ")
-        << "\n";
-  return diffs.empty() ? kExitOk : kExitFindings;
+  for (const Warning& w : onlyA) s.out << "a only: " << WarningLine(w) << "\n";
+  for (const Warning& w : onlyB) s.out << "b only: " << WarningLine(w) << "\n";
+  s.out << diffs.size() << (diffs.size() == 1 ? " field or section differs" : " fields or sections differ");
+  const size_t differing = onlyA.size() + onlyB.size();
+  if (differing > 0) s.out << ", " << differing << (differing == 1 ? " warning differs" : " warnings differ");
+  s.out << "\n";
+  return status;
 }
 
 // ---- convert -------------------------------------------------------------------
