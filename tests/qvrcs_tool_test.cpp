@@ -100,10 +100,17 @@ class ToolTest : public e2e::E2eTest {
   // configurator.cfg with `first` in attached0 and good.bin in every other slot.
   void WriteConfig(const std::string& first) {
     Write("good.bin", GoodTuning());
-    std::string text;
-    for (const qvr::ConfigSlot& slot : qvr::kConfigSlots) {
-      const std::string file = std::string(slot.name) == "attached0" ? first : "good.bin";
-      text += std::string(slot.name) + " { filename: \"" + file + "\" device_bitmask: 1 }\n";
+    // The other slots: good files made for their outputs.
+    const std::pair<const char*, com::qvr::pb::wbn::AudioRoute> others[] = {
+        {"attached1", com::qvr::pb::wbn::AR_OUT_ATTACHED1}, {"lineout0", com::qvr::pb::wbn::AR_OUT_LINEOUT},
+        {"bluetooth0", com::qvr::pb::wbn::AR_OUT_BLUETOOTH}, {"combo0", com::qvr::pb::wbn::AR_OUT_COMBO},
+        {"other", com::qvr::pb::wbn::AR_OUT_DEFAULT}};
+    std::string text = "attached0 { filename: \"" + first + "\" device_bitmask: 1 }\n";
+    for (const auto& [slot, route] : others) {
+      Qvrcs good = GoodTuning();
+      good.mutable_workspace(0)->mutable_routeconfiguration(0)->set_route(route);
+      Write(std::string("good_") + slot + ".bin", good);
+      text += std::string(slot) + " { filename: \"good_" + slot + ".bin\" device_bitmask: 1 }\n";
     }
     WriteFile(Path("configurator.cfg"), text);
   }
@@ -363,6 +370,11 @@ const WarningCase kWarnings[] = {
      "dropped", "postmix.zell_input_gain has 9 entries, the block 6 slots: the last 3 are dropped", false},
     {"filter enabled without coefficients", [](Qvrcs& t) { PostmixOf(t).set_hpf_enable(1); }, "filter-no-coefs",
      "postmix.hpf_enable enables the filter, but postmix.hpf_coef.coeffs gives it no non-zero coefficient", false},
+    {"tuning of another output",
+     [](Qvrcs& t) {
+       t.mutable_workspace(0)->mutable_routeconfiguration(0)->set_route(com::qvr::pb::wbn::AR_OUT_BLUETOOTH);
+     },
+     "route", "route AR_OUT_BLUETOOTH of another output than attached0, which takes AR_OUT_ATTACHED0 (1)", false},
     {"empty settings",
      [](Qvrcs& t) { t.mutable_workspace(0)->mutable_routeconfiguration(0)->mutable_tech(0)->clear_korva_v1_1(); },
      "empty-settings", "tech[0] holds no premix or postmix settings: the DSP gets the templates only", false},
@@ -892,7 +904,7 @@ TEST_F(ToolTest, CheckTableKeepsItsColumnsForLongAndNonAsciiNames) {
   Write("K\xc3\xbc" "che.bin", GoodTuning());
   WriteConfig("lineout_amp_rev_b_2024.bin");
   std::string text = ReadFile(Path("configurator.cfg"));
-  text.replace(text.find("good.bin"), 8, "K\xc3\xbc" "che.bin");
+  text.replace(text.find("good_attached1.bin"), 18, "K\xc3\xbc" "che.bin");
   WriteFile(Path("configurator.cfg"), text);
   const ToolRun run = RunTool({"check", dir()});
   EXPECT_NE(run.out.find("attached0  lineout_amp_rev_b_2024.bin loaded\n"), std::string::npos) << run.out;

@@ -3,9 +3,11 @@
 #include <google/protobuf/io/tokenizer.h>
 #include <sys/stat.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 
+#include "audioroute.pb.h"
 #include "configurator.pb.h"
 #include "configurator/config_file.h"
 #include "configurator/korva_driver.h"
@@ -17,6 +19,8 @@
 
 namespace qvrcs_tool {
 namespace {
+
+using com::qvr::pb::wbn::AudioRoute;
 
 using com::qvr::korva::configurator::qdsp6::ConfiguratorConfig;
 
@@ -45,6 +49,54 @@ class ConfigErrors : public google::protobuf::io::ErrorCollector {
   std::string path_;
   std::vector<std::string>& out_;
 };
+
+// The outputs each slot's tuning is made for, as routes and the matching
+// output_device numbers: a file named for another output loads just as well
+// but tunes the wrong one.
+struct SlotRoutes {
+  const char* slot;
+  std::vector<AudioRoute> routes;
+};
+const SlotRoutes kSlotRoutes[] = {
+    {"attached0", {com::qvr::pb::wbn::AR_OUT_ATTACHED0}},
+    {"attached1", {com::qvr::pb::wbn::AR_OUT_ATTACHED1}},
+    {"lineout0", {com::qvr::pb::wbn::AR_OUT_LINEOUT}},
+    {"bluetooth0", {com::qvr::pb::wbn::AR_OUT_BLUETOOTH}},
+    {"combo0", {com::qvr::pb::wbn::AR_OUT_COMBO}},
+    {"other", {com::qvr::pb::wbn::AR_OUT_DIGITAL, com::qvr::pb::wbn::AR_OUT_ATTACHED2,
+               com::qvr::pb::wbn::AR_OUT_DEFAULT}},
+};
+
+// What of the file's route and output devices does not fit `slot`; "" when all fits.
+std::string RouteMismatch(const std::string& slot, const Conversion& conversion) {
+  const SlotRoutes* wanted = nullptr;
+  for (const SlotRoutes& entry : kSlotRoutes) {
+    if (slot == entry.slot) wanted = &entry;
+  }
+  if (wanted == nullptr || !conversion.selected()) return {};
+  auto fits = [&](int value) {
+    return std::any_of(wanted->routes.begin(), wanted->routes.end(), [&](AudioRoute r) { return r == value; });
+  };
+  std::string misfits;
+  auto add = [&](const std::string& what) { misfits += (misfits.empty() ? "" : ", ") + what; };
+  const AudioRoute route = conversion.reading->message.workspace(0).routeconfiguration(0).route();
+  if (!fits(route)) add("route " + com::qvr::pb::wbn::AudioRoute_Name(route));
+  const KorvaSettings& settings = conversion.settings();
+  if (settings.premix().has_output_device() && !fits(settings.premix().output_device())) {
+    add("premix.output_device " + std::to_string(settings.premix().output_device()));
+  }
+  if (settings.postmix().has_output_device() && !fits(settings.postmix().output_device())) {
+    add("postmix.output_device " + std::to_string(settings.postmix().output_device()));
+  }
+  if (misfits.empty()) return {};
+  std::string expected;
+  for (const AudioRoute r : wanted->routes) {
+    expected += (expected.empty() ? "" : " or ") + com::qvr::pb::wbn::AudioRoute_Name(r) + " (" +
+                std::to_string(static_cast<int>(r)) + ")";
+  }
+  return misfits + " of another output than " + slot + ", which takes " + expected +
+         ": the DSP applies this tuning to " + slot;
+}
 
 void CheckSlot(SlotReport& slot, CheckReport& report) {
   auto warn = [&](const char* code, std::string message, bool note) {
@@ -98,6 +150,8 @@ void CheckSlot(SlotReport& slot, CheckReport& report) {
     slot.culprit = DiagnoseFailure(conversion.reading->message, conversion);
   }
   for (const Warning& w : FindSuspicious(conversion)) warn(w.code.c_str(), w.message, w.note);
+  const std::string route = RouteMismatch(slot.slot, conversion);
+  if (!route.empty()) warn("route", route, false);
 }
 
 }  // namespace
