@@ -7,7 +7,9 @@
 // Every iteration forks and execs one program and waits for it; the
 // program's own CPU time (user + system) and peak resident set come from
 // its rusage, so the simulator's work (another process) is not counted.
-// The wall time includes the simulator's answers.
+// The wall time includes the simulator's answers. The in-process variant
+// (qvr_configurator_inproc against bare_run) runs without the simulator's
+// preload: the driver is answered inside the configurator's process.
 #include <benchmark/benchmark.h>
 #include <fcntl.h>
 #include <spawn.h>
@@ -24,6 +26,8 @@
 #include <map>
 #include <sstream>
 #include <string>
+#include <cstring>
+#include <tuple>
 #include <vector>
 
 #include "configurator/payload.h"
@@ -106,7 +110,19 @@ struct ChildRun {
   std::string output;  // standard output and error
 };
 
-ChildRun RunChild(const std::vector<std::string>& argv) {
+// The environment without the simulator's preload: for programs that answer
+// the driver in their own process (and their bare counterpart), nothing of
+// the simulator may be paid.
+std::vector<char*> PlainEnvironment() {
+  std::vector<char*> env;
+  for (char** e = environ; *e != nullptr; ++e) {
+    if (std::strncmp(*e, "LD_PRELOAD=", 11) != 0 && std::strncmp(*e, "UMOCKDEV_", 9) != 0) env.push_back(*e);
+  }
+  env.push_back(nullptr);
+  return env;
+}
+
+ChildRun RunChild(const std::vector<std::string>& argv, bool plain = false) {
   ChildRun run;
   const std::string outPath = g_scratch + "/output";
   std::vector<char*> args;
@@ -119,7 +135,8 @@ ChildRun RunChild(const std::vector<std::string>& argv) {
   posix_spawn_file_actions_adddup2(&actions, 1, 2);
   const auto start = std::chrono::steady_clock::now();
   pid_t pid = 0;
-  const int spawned = posix_spawn(&pid, args[0], &actions, nullptr, args.data(), environ);
+  std::vector<char*> env = PlainEnvironment();
+  const int spawned = posix_spawn(&pid, args[0], &actions, nullptr, args.data(), plain ? env.data() : environ);
   posix_spawn_file_actions_destroy(&actions);
   if (spawned != 0) return run;
   int status = 0;
@@ -142,10 +159,10 @@ ChildRun RunChild(const std::vector<std::string>& argv) {
 }
 
 void Measure(benchmark::State& state, const char* name, const std::vector<std::string>& argv,
-             const char* mustLog) {
+             const char* mustLog, bool plain = false) {
   Totals& totals = g_totals[name];
   for (auto _ : state) {
-    const ChildRun run = RunChild(argv);
+    const ChildRun run = RunChild(argv, plain);
     if (!run.ok || (mustLog != nullptr && run.output.find(mustLog) == std::string::npos)) {
       state.SkipWithError(("run failed: " + run.output.substr(0, 2000)).c_str());
       return;
@@ -176,6 +193,16 @@ void BM_BareParse(benchmark::State& state, const char* name, const TuningSet* se
   Measure(state, name, argv, nullptr);
 }
 
+// The driver answered in the configurator's own process, against the work
+// no design can avoid; neither pays anything of the simulator.
+void BM_ConfiguratorInProcess(benchmark::State& state, const char* name, const TuningSet* set) {
+  Measure(state, name, {QVR_CONFIGURATOR_INPROC_EXE, set->dir}, "load_settings() returns 0.", true);
+}
+
+void BM_BareRun(benchmark::State& state, const char* name, const TuningSet* set) {
+  Measure(state, name, {QVR_BARE_RUN_EXE, set->dir}, nullptr, true);
+}
+
 void BM_DriverRequests(benchmark::State& state, const char* name, bool requests) {
   std::vector<std::string> argv = {QVR_DRIVER_REQUESTS_EXE};
   if (!requests) argv.push_back("--open-only");
@@ -184,7 +211,27 @@ void BM_DriverRequests(benchmark::State& state, const char* name, bool requests)
 
 double MeanMs(const Totals& t, double Totals::*field) { return 1e3 * (t.*field) / t.runs; }
 
+// Peak resident set: the largest of the runs, and the median.
+void InProcessSummary() {
+  for (const char* name : {"inproc", "bare-run", "inproc-min", "bare-run-min"}) {
+    if (g_totals[name].runs == 0) return;
+  }
+  std::printf("\nwhole run with the driver in the configurator's process, against the unavoidable work\n");
+  for (const auto& [set, configurator, bare] : {std::make_tuple("six maximum-size files", "inproc", "bare-run"),
+                                                std::make_tuple("six minimal files", "inproc-min", "bare-run-min")}) {
+    Totals& c = g_totals[configurator];
+    Totals& b = g_totals[bare];
+    const double ratio = MedianCpuMs(c) / MedianCpuMs(b);
+    const long extraKb = c.maxRssKb - b.maxRssKb;
+    std::printf("  %s: configurator cpu median %.2f ms, bare run %.2f ms, ratio %.3f (goal <= 1.05: %s); "
+                "peak rss %ld kB vs %ld kB, +%ld kB (goal <= +512 kB: %s)\n",
+                set, MedianCpuMs(c), MedianCpuMs(b), ratio, ratio <= 1.05 ? "met" : "MISSED", c.maxRssKb,
+                b.maxRssKb, extraKb, extraKb <= 512 ? "met" : "MISSED");
+  }
+}
+
 void Summarise() {
+  InProcessSummary();
   for (const char* name :
        {"configurator", "bare", "configurator-min", "bare-min", "requests", "open-only"}) {
     if (g_totals[name].runs == 0) return;
@@ -236,6 +283,14 @@ BENCHMARK_CAPTURE(BM_Configurator, max, "configurator", &g_maximum)
 BENCHMARK_CAPTURE(BM_BareParse, min, "bare-min", &g_minimal)
     ->UseManualTime()->Unit(benchmark::kMillisecond)->MinTime(1.0);
 BENCHMARK_CAPTURE(BM_Configurator, min, "configurator-min", &g_minimal)
+    ->UseManualTime()->Unit(benchmark::kMillisecond)->MinTime(1.0);
+BENCHMARK_CAPTURE(BM_ConfiguratorInProcess, max, "inproc", &g_maximum)
+    ->UseManualTime()->Unit(benchmark::kMillisecond)->MinTime(1.0);
+BENCHMARK_CAPTURE(BM_BareRun, max, "bare-run", &g_maximum)
+    ->UseManualTime()->Unit(benchmark::kMillisecond)->MinTime(1.0);
+BENCHMARK_CAPTURE(BM_ConfiguratorInProcess, min, "inproc-min", &g_minimal)
+    ->UseManualTime()->Unit(benchmark::kMillisecond)->MinTime(1.0);
+BENCHMARK_CAPTURE(BM_BareRun, min, "bare-run-min", &g_minimal)
     ->UseManualTime()->Unit(benchmark::kMillisecond)->MinTime(1.0);
 BENCHMARK_CAPTURE(BM_DriverRequests, all, "requests", true)
     ->UseManualTime()->Unit(benchmark::kMillisecond)->MinTime(1.0);

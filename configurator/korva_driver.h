@@ -95,7 +95,9 @@ constexpr uint32_t kComboSlotBit = 0x400000;         // ... always carries this 
 
 // ---- Request codes --------------------------------------------------------------
 // Linux _IOC encoding, type 0xF2. The encoded size is that of the declared
-// argument type (an int or a pointer), not of the record behind the pointer.
+// argument type (an int or a pointer), not of the record behind the pointer,
+// so the four pointer requests differ between 32-bit and 64-bit builds: a
+// driver built for the same word size decodes them from the same macros.
 #define QVR_KORVA_IOCTL_TYPE 0xF2
 constexpr uint32_t QVR_KORVA_IOCTL_SET_CACHE_SIZE = _IOW(QVR_KORVA_IOCTL_TYPE, 1, int32_t);
 constexpr uint32_t QVR_KORVA_IOCTL_GET_PARAM = _IOR(QVR_KORVA_IOCTL_TYPE, 2, qvr_korva_param_desc*);
@@ -103,11 +105,14 @@ constexpr uint32_t QVR_KORVA_IOCTL_SET_PARAM = _IOW(QVR_KORVA_IOCTL_TYPE, 3, qvr
 constexpr uint32_t QVR_KORVA_IOCTL_SET_CACHE_BLOCK = _IOW(QVR_KORVA_IOCTL_TYPE, 4, qvr_korva_cache_block*);
 constexpr uint32_t QVR_KORVA_IOCTL_SET_VOLUME_CONTROLS = _IOW(QVR_KORVA_IOCTL_TYPE, 9, uint32_t*);
 
+// The values each word size puts on the wire.
+static_assert(sizeof(void*) == 8 || sizeof(void*) == 4, "a 32-bit or a 64-bit build");
+constexpr bool kQvrKorvaPointers64 = sizeof(void*) == 8;
 static_assert(QVR_KORVA_IOCTL_SET_CACHE_SIZE == 0x4004F201u);
-static_assert(QVR_KORVA_IOCTL_GET_PARAM == 0x8008F202u);
-static_assert(QVR_KORVA_IOCTL_SET_PARAM == 0x4008F203u);
-static_assert(QVR_KORVA_IOCTL_SET_CACHE_BLOCK == 0x4008F204u);
-static_assert(QVR_KORVA_IOCTL_SET_VOLUME_CONTROLS == 0x4008F209u);
+static_assert(QVR_KORVA_IOCTL_GET_PARAM == (kQvrKorvaPointers64 ? 0x8008F202u : 0x8004F202u));
+static_assert(QVR_KORVA_IOCTL_SET_PARAM == (kQvrKorvaPointers64 ? 0x4008F203u : 0x4004F203u));
+static_assert(QVR_KORVA_IOCTL_SET_CACHE_BLOCK == (kQvrKorvaPointers64 ? 0x4008F204u : 0x4004F204u));
+static_assert(QVR_KORVA_IOCTL_SET_VOLUME_CONTROLS == (kQvrKorvaPointers64 ? 0x4008F209u : 0x4004F209u));
 
 // Every request with its short name (the name tools print and accept).
 struct QvrKorvaRequest {
@@ -128,6 +133,14 @@ constexpr const char* qvr_request_name(uint32_t code) {
     if (request.code == code) return request.name;
   }
   return nullptr;
+}
+
+// Whether the configurator takes `answer` to request `code` as a refusal: the
+// parameter query and the volume request fail on a negative answer only; the
+// cache size, cache block and upload requests on any answer but 0.
+constexpr bool qvr_answer_refused(uint32_t code, int64_t answer) {
+  const bool negativeOnly = code == QVR_KORVA_IOCTL_GET_PARAM || code == QVR_KORVA_IOCTL_SET_VOLUME_CONTROLS;
+  return negativeOnly ? answer < 0 : answer != 0;
 }
 
 // ---- Cache blocks ---------------------------------------------------------------

@@ -97,14 +97,10 @@ int32_t LoadAeq(const Aeq* aeq, BlockView record, uint32_t sampleRate, qvrcs::Tr
 
 int32_t QVRCS_LoadAeq(const std::string& uuid, const ListeningModelList& models, BlockView record,
                       uint32_t sampleRate, qvrcs::TraceObserver* trace) {
-  const auto match = qvrcs::FindInModels<Aeq>(uuid, models, AeqsOf);
-  qvrcs::TraceEvent event = qvrcs::LocatorEvent(match, uuid);
-  const int32_t status = LoadAeq(match.record, record, sampleRate, event, trace);
-  if (trace != nullptr) {
-    event.status = status;
-    trace->OnEvent(event);
-  }
-  return status;
+  return qvrcs::LoadLocated<Aeq>(uuid, models, AeqsOf, qvrcs::kAeqRecordSize, trace,
+                                 [&](const Aeq* aeq, qvrcs::TraceEvent& event) {
+                                   return LoadAeq(aeq, record, sampleRate, event, trace);
+                                 });
 }
 
 int32_t QVRCS_ConvertAeqCoef(const ConversionContext& context, const Postmix& postmix,

@@ -96,8 +96,11 @@ inline void TraceStatus(TraceObserver* trace, SectionId section, int32_t status)
   trace->OnEvent(event);
 }
 
-// Reports a word of a tail section stored from a coefficient record.
-inline void TraceWord(TraceObserver* trace, SectionId section, int32_t value, bool present) {
+// Stores the one word of a tail section from a field of a coefficient record
+// and reports it; `present`: the record has the field.
+inline void StoreSectionWord(BlockView block, SectionId section, int32_t value, bool present,
+                             TraceObserver* trace) {
+  StoreI32(block, Section(section).offset, value);
   if (trace == nullptr) return;
   TraceEvent event;
   event.kind = TraceKind::kWord;
@@ -105,6 +108,17 @@ inline void TraceWord(TraceObserver* trace, SectionId section, int32_t value, bo
   event.offset = Section(section).offset;
   event.value = value;
   event.present = present;
+  trace->OnEvent(event);
+}
+
+// Reports a table for the rate passed over for being longer than its section.
+inline void TraceTooLong(TraceObserver* trace, const com::qvr::pb::coef::CoefTable& table, int index,
+                         unsigned bits) {
+  if (trace == nullptr) return;
+  TraceEvent event;
+  event.kind = TraceKind::kSkipped;
+  event.table = TableChoice(table, index, bits);
+  event.reason = SkipReason::kTooLong;
   trace->OnEvent(event);
 }
 
@@ -131,7 +145,7 @@ ModelMatch<Record> FindInModels(const std::string& uuid, const ListeningModelLis
   return {};
 }
 
-// A locator event for `match`, to be completed by the loader.
+// A locator event for `match`.
 template <class Record>
 TraceEvent LocatorEvent(const ModelMatch<Record>& match, const std::string& uuid) {
   TraceEvent event;
@@ -141,6 +155,19 @@ TraceEvent LocatorEvent(const ModelMatch<Record>& match, const std::string& uuid
   event.entry = match.entry;
   event.record = match.record;
   return event;
+}
+
+// Runs `load`(record or nullptr, event) for the record a locator names and
+// reports the locator with what `load` noted in the event and its status.
+template <class Record, class List, class Load>
+int32_t LoadLocated(const std::string& uuid, const ListeningModelList& models, List list, size_t capacity,
+                    TraceObserver* trace, Load load) {
+  const ModelMatch<Record> match = FindInModels<Record>(uuid, models, list);
+  TraceEvent event = LocatorEvent(match, uuid);
+  event.capacity = capacity;
+  event.status = load(match.record, event);
+  if (trace != nullptr) trace->OnEvent(event);
+  return event.status;
 }
 
 }  // namespace qvrcs

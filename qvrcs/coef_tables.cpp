@@ -120,8 +120,7 @@ int32_t QVRCS_ConvertVelmoXoverCoef(const ConversionContext& context, const Post
                                     BlockView block, qvrcs::TraceObserver* trace) {
   const auto& xover = postmix.velmo_xover_coef();
   // Written whether or not it is set: an absent record stores 0.
-  qvrcs::StoreI32(block, Section(SectionId::kVelmoCrossoverOrder).offset, xover.order());
-  qvrcs::TraceWord(trace, SectionId::kVelmoCrossoverOrder, xover.order(), xover.has_order());
+  qvrcs::StoreSectionWord(block, SectionId::kVelmoCrossoverOrder, xover.order(), xover.has_order(), trace);
 
   // The low-pass branch goes first, so a low-pass table longer than its area
   // is overwritten by the high-pass one where they overlap.
@@ -135,8 +134,7 @@ int32_t QVRCS_ConvertVelmoXoverCoef(const ConversionContext& context, const Post
 int32_t QVRCS_ConvertVelmoHpfCoef(const ConversionContext& context, const Postmix& postmix,
                                   BlockView block, qvrcs::TraceObserver* trace) {
   const auto& hpf = postmix.velmo_hpf_coef();
-  qvrcs::StoreI32(block, Section(SectionId::kVelmoHighPassOrder).offset, hpf.order());
-  qvrcs::TraceWord(trace, SectionId::kVelmoHighPassOrder, hpf.order(), hpf.has_order());
+  qvrcs::StoreSectionWord(block, SectionId::kVelmoHighPassOrder, hpf.order(), hpf.has_order(), trace);
   int32_t status = QVRCS_ERR_NO_COEF_TABLE;
   if (hpf.order() == 0) {
     status = QVRCS_OK;  // filter off: no table needed
@@ -148,13 +146,7 @@ int32_t QVRCS_ConvertVelmoHpfCoef(const ConversionContext& context, const Postmi
       const CoefTable& table = hpf.hpf_coeffs(i);
       if (!qvrcs::TableRateIs(table, context.sampleRate)) continue;
       if (static_cast<size_t>(table.coeff_16_size()) > coefs.capacity()) {
-        if (trace != nullptr) {
-          qvrcs::TraceEvent event;
-          event.kind = qvrcs::TraceKind::kSkipped;
-          event.table = qvrcs::TableChoice(table, i, 16);
-          event.reason = qvrcs::SkipReason::kTooLong;
-          stamp.OnEvent(event);
-        }
+        qvrcs::TraceTooLong(stamp.Get(), table, i, 16);
         continue;
       }
       qvrcs::PackTable(block, coefs.offset, coefs.size, table, i, 16, stamp.Get());
@@ -169,10 +161,8 @@ int32_t QVRCS_ConvertGormCoef(const ConversionContext& context, const Postmix& p
                               BlockView block, qvrcs::TraceObserver* trace) {
   const auto& gorm = postmix.gorm_coef();
   // Both sizes are written whether or not they are set.
-  qvrcs::StoreI32(block, Section(SectionId::kGormAnalysis).offset, gorm.analysis_size());
-  qvrcs::TraceWord(trace, SectionId::kGormAnalysis, gorm.analysis_size(), gorm.has_analysis_size());
-  qvrcs::StoreI32(block, Section(SectionId::kGormSpeaker).offset, gorm.speaker_size());
-  qvrcs::TraceWord(trace, SectionId::kGormSpeaker, gorm.speaker_size(), gorm.has_speaker_size());
+  qvrcs::StoreSectionWord(block, SectionId::kGormAnalysis, gorm.analysis_size(), gorm.has_analysis_size(), trace);
+  qvrcs::StoreSectionWord(block, SectionId::kGormSpeaker, gorm.speaker_size(), gorm.has_speaker_size(), trace);
 
   // The coefficient area closes the block: values past its 24 words are
   // dropped at the block's end.

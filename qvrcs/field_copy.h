@@ -34,6 +34,7 @@ struct FieldCopyEntry {
   int32_t (Msg::*get)() const;
   void (Msg::*set)(int32_t);  // not used by the conversion; for tools and tests
   uint16_t offset;            // byte offset inside the section
+  int32_t templ;              // what the default block holds there
 };
 
 template <class Msg>
@@ -50,6 +51,9 @@ struct FieldCopyTable {
   const FieldCopyEntry<Msg>* end() const { return entries + count; }
 };
 
+// Most slots a repeated field fills.
+constexpr size_t kMaxSlots = 7;
+
 template <class Msg>
 struct RepeatedCopyEntry {
   const char* name;  // the field's name in the schema
@@ -57,14 +61,29 @@ struct RepeatedCopyEntry {
   uint16_t offset;           // byte offset of slot 0 inside the section
   uint8_t slots;             // elements past this count are not carried
   const uint8_t* slotOrder;  // slot of element i, or nullptr for slot i
+  int32_t templ[kMaxSlots];  // what the default block holds, slot by slot
 };
 
+// A repeated field's entry: as many slots as its default has values.
+template <class Msg, size_t N>
+constexpr RepeatedCopyEntry<Msg> Repeated(const char* name,
+                                          const google::protobuf::RepeatedField<int32_t>& (Msg::*get)() const,
+                                          uint16_t offset, const uint8_t* slotOrder, const int32_t (&templ)[N]) {
+  static_assert(N > 0 && N <= kMaxSlots, "a repeated field fills 1 to kMaxSlots slots");
+  RepeatedCopyEntry<Msg> entry{name, get, offset, static_cast<uint8_t>(N), slotOrder, {}};
+  for (size_t i = 0; i < N; ++i) entry.templ[i] = templ[i];
+  return entry;
+}
+
 // Builds an entry from the field's name, so that every accessor and the name
-// come from one spelling.
-#define QVRCS_FIELD(Msg, field, offset) \
-  ::qvrcs::FieldCopyEntry<Msg> { #field, &Msg::has_##field, &Msg::field, &Msg::set_##field, offset }
-#define QVRCS_REPEATED(Msg, field, offset, slots, slotOrder) \
-  ::qvrcs::RepeatedCopyEntry<Msg> { #field, &Msg::field, offset, slots, slotOrder }
+// come from one spelling. The default value is required: an entry without
+// one does not compile.
+#define QVRCS_FIELD(Msg, field, offset, templ) \
+  ::qvrcs::FieldCopyEntry<Msg> { #field, &Msg::has_##field, &Msg::field, &Msg::set_##field, offset, templ }
+// The default lists the values of the slots in block order; their number is
+// the number of slots.
+#define QVRCS_REPEATED(Msg, field, offset, slotOrder, ...) \
+  ::qvrcs::Repeated<Msg>(#field, &Msg::field, offset, slotOrder, __VA_ARGS__)
 
 // Stores `value` at `offset` of `section` with the table's width.
 inline void StoreField(BlockView section, size_t offset, Width width, int32_t value) {

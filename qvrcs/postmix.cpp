@@ -62,10 +62,7 @@ void ConvertHpfCoef(const ConversionContext& context, const Postmix& postmix, Bl
                     qvrcs::TraceObserver* trace) {
   if (postmix.has_hpf_coef()) {
     const auto& hpf = postmix.hpf_coef();
-    if (hpf.has_order()) {
-      qvrcs::StoreI32(block, Section(SectionId::kHighPassOrder).offset, hpf.order());
-      qvrcs::TraceWord(trace, SectionId::kHighPassOrder, hpf.order(), true);
-    }
+    if (hpf.has_order()) qvrcs::StoreSectionWord(block, SectionId::kHighPassOrder, hpf.order(), true, trace);
     const qvrcs::SectionInfo& coefs = Section(SectionId::kHighPassCoefs);
     qvrcs::LocatorStamp stamp(trace, SectionId::kHighPassCoefs, -1);
     for (int i = 0; i < hpf.coeffs_size(); ++i) {
@@ -73,12 +70,8 @@ void ConvertHpfCoef(const ConversionContext& context, const Postmix& postmix, Bl
       if (!qvrcs::TableRateIs(table, context.sampleRate)) continue;
       if (static_cast<size_t>(table.coeff_32_size()) <= coefs.capacity()) {
         qvrcs::PackTable(block, coefs.offset, coefs.size, table, i, 32, stamp.Get());
-      } else if (trace != nullptr) {
-        qvrcs::TraceEvent event;
-        event.kind = qvrcs::TraceKind::kSkipped;
-        event.table = qvrcs::TableChoice(table, i, 32);
-        event.reason = qvrcs::SkipReason::kTooLong;
-        stamp.OnEvent(event);
+      } else {
+        qvrcs::TraceTooLong(stamp.Get(), table, i, 32);
       }
       break;
     }

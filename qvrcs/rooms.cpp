@@ -195,28 +195,18 @@ int32_t QVRCS_LoadRoom(const std::string& uuid, const ListeningModelList& models
     return QVRCS_NOTHING_TO_LOAD;
   }
 
-  const auto match = qvrcs::FindInModels<roomModel>(uuid, models, RoomsOf);
-  qvrcs::TraceEvent event = qvrcs::LocatorEvent(match, uuid);
-  event.capacity = capacity;
-  const int32_t status = LoadRoom(match.record, slot, capacity, sampleRate, event, trace);
-  if (trace != nullptr) {
-    event.status = status;
-    trace->OnEvent(event);
-  }
-  return status;
+  return qvrcs::LoadLocated<roomModel>(uuid, models, RoomsOf, capacity, trace,
+                                       [&](const roomModel* room, qvrcs::TraceEvent& event) {
+                                         return LoadRoom(room, slot, capacity, sampleRate, event, trace);
+                                       });
 }
 
 int32_t QVRCS_LoadHeadphoneEq(const std::string& uuid, const ListeningModelList& models,
                               BlockView slot, size_t capacity, uint32_t sampleRate,
                               qvrcs::TraceObserver* trace) {
   // No shortcut for an empty uuid: it matches a headphone EQ without one.
-  const auto match = qvrcs::FindInModels<headphoneEq>(uuid, models, HeadphonesOf);
-  qvrcs::TraceEvent event = qvrcs::LocatorEvent(match, uuid);
-  event.capacity = capacity;
-  const int32_t status = LoadHeadphoneEq(match.record, slot, capacity, sampleRate, event, trace);
-  if (trace != nullptr) {
-    event.status = status;
-    trace->OnEvent(event);
-  }
-  return status;
+  return qvrcs::LoadLocated<headphoneEq>(uuid, models, HeadphonesOf, capacity, trace,
+                                         [&](const headphoneEq* eq, qvrcs::TraceEvent& event) {
+                                           return LoadHeadphoneEq(eq, slot, capacity, sampleRate, event, trace);
+                                         });
 }

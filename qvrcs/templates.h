@@ -1,21 +1,13 @@
 // The default blocks every conversion starts from.
 //
-// Both are built once, before main, from the descriptions in
-// qvrcs/templates.cpp; read them from running code only, not from other
-// static initialisers.
+// Both are built at compile time from the default values of the field rows
+// (qvrcs/field_tables.h) and the few words of the postmix block that no
+// settings field feeds (qvrcs/templates.cpp): they are constant data, and
+// nothing runs for them before or after main. A field or reserved half-word
+// without a default value does not compile.
 #pragma once
 
 #include "qvrcs/layout.h"
 
 extern const qvrcs::PremixBlock kPremixTemplate;
 extern const qvrcs::PostmixBlock kPostmixTemplate;
-
-namespace qvrcs {
-
-// Build a template from its description into a zeroed `block`. False when
-// the description names a field the block does not have, or leaves a field
-// of the block without a default: a fault of the description itself.
-bool BuildPremixTemplate(PremixBlock& block);
-bool BuildPostmixTemplate(PostmixBlock& block);
-
-}  // namespace qvrcs

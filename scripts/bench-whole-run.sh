@@ -3,6 +3,11 @@
 # under the simulated driver, side by side with bare_parse (the same files
 # read and parsed, nothing else). Prints each program's own CPU time, wall
 # time and peak RSS, and the CPU ratio against the goals (<= 1.2, <= 8 MB).
+# Also qvr_configurator_inproc, the configurator with the driver answered in
+# its own process (no simulator transport), against bare_run (configurator.cfg
+# and the six files parsed, the log lines written) on maximum-size and on
+# minimal files: goals CPU <= 1.05 x and peak RSS <= +512 kB.
+# Only the in-process pair: --benchmark_filter='InProcess|BareRun'.
 #
 #   QVR_BENCH_BUILD  build directory (default build)
 #   arguments go to Google Benchmark; without any, ten repetitions of each

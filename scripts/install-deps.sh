@@ -13,6 +13,10 @@ packages=(
   help2man
   clang libclang-rt-14-dev
   valgrind
+  g++-aarch64-linux-gnu g++-arm-linux-gnueabihf qemu-user-static mmdebstrap
+  blueprint-tools
+  libkissfft-dev libplplot-dev plplot-driver-cairo fonts-dejavu-core
+  chromium libpng-dev
 )
 SUDO=""
 if [ "$(id -u)" -ne 0 ]; then SUDO="sudo"; fi

@@ -1,10 +1,18 @@
 #!/usr/bin/env bash
-# Installs what is needed, builds, and runs the whole test suite twice:
-# once as is, once under AddressSanitizer + UndefinedBehaviorSanitizer.
+# Installs what is needed, builds, and runs the whole test suite: as is
+# and under AddressSanitizer + UndefinedBehaviorSanitizer.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 bash scripts/install-deps.sh
 jobs=$(nproc)
+
+# Every Android.bp as the platform's formatter writes it (bpfmt -l lists the
+# files it would change, and exits 0 all the same).
+unformatted=$(find . -path './build*' -prune -o -name '*.bp' -print | xargs bpfmt -l)
+if [ -n "$unformatted" ]; then
+  echo "bpfmt would reformat: $unformatted (bpfmt -w FILE fixes it)" >&2
+  exit 1
+fi
 
 cmake -S . -B build -DCMAKE_BUILD_TYPE=RelWithDebInfo
 cmake --build build -j"$jobs"

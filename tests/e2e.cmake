@@ -1,11 +1,18 @@
 # End to end: the configurator binary under korva-driver-sim; and the
 # simulator's driver model on its own.
 find_package(nlohmann_json 3 REQUIRED)
-find_program(QVR_FAKETIME faketime)
+# The faketime that runs the configurator is the target's: a cross build
+# takes it from the sysroot (its preload library must match the target).
+if(CMAKE_CROSSCOMPILING)
+  find_program(QVR_FAKETIME faketime PATHS ${CMAKE_SYSROOT}/usr/bin NO_DEFAULT_PATH NO_CMAKE_FIND_ROOT_PATH)
+else()
+  find_program(QVR_FAKETIME faketime)
+endif()
 
 qvr_add_test(e2e_test
   SOURCES e2e_test.cpp e2e_support.cpp
-  LIBS configurator_core nlohmann_json::nlohmann_json)
+  LIBS configurator_core nlohmann_json::nlohmann_json
+  LABELS target_programs)
 target_compile_definitions(e2e_test PRIVATE
   QVR_CONFIGURATOR_EXE="$<TARGET_FILE:qvr_configurator>"
   QVR_DRIVER_SIM_EXE="$<TARGET_FILE:korva-driver-sim>"

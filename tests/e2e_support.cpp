@@ -96,7 +96,10 @@ RunResult E2eTest::RunSim(const std::vector<std::string>& simOptions,
   const std::string outPath = runDir + "/stdout";
   const std::string errPath = runDir + "/stderr";
 
-  std::vector<std::string> argv = {kDriverSimExe, "--capture", captureDir};
+  std::vector<std::string> argv = {kDriverSimExe};
+  if (std::find(simOptions.begin(), simOptions.end(), "--capture") == simOptions.end()) {
+    argv.insert(argv.end(), {"--capture", captureDir});
+  }
   argv.insert(argv.end(), simOptions.begin(), simOptions.end());
   argv.push_back("--");
   argv.insert(argv.end(), command.begin(), command.end());

@@ -45,7 +45,8 @@ struct RunResult {
 
 class E2eTest : public qvr_test::ScratchDirTest {
  protected:
-  // Runs `korva-driver-sim --capture DIR simOptions... -- command...`.
+  // Runs `korva-driver-sim --capture DIR simOptions... -- command...` (without
+  // its own --capture when the options hold one).
   RunResult RunSim(const std::vector<std::string>& simOptions, const std::vector<std::string>& command);
   // Runs the configurator under the simulator with `args` after the program name.
   RunResult RunConfigurator(const std::vector<std::string>& simOptions, const std::vector<std::string>& args);

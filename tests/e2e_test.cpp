@@ -16,8 +16,10 @@ namespace {
 
 namespace fs = std::filesystem;
 using e2e::Format;
+using e2e::ReadFile;
 using e2e::RunResult;
 using e2e::Words;
+using e2e::WriteFile;
 using qvr_test::Bytes;
 using qvr_test::KorvaSettings;
 using qvr_test::Lines;
@@ -240,43 +242,71 @@ TEST_F(ConfiguratorTest, SearchPathIsRootedAndJoinedWithoutDoubleSlash) {
   EXPECT_EQ(run.status, 0);
 }
 
-TEST_F(ConfiguratorTest, EitherNodeAloneIsUsedTheSoftwareOneAfterAnErrorLine) {
-  WriteTuningSet();
-  for (const auto& [nodes, node] : {std::pair{"sw", "/dev/qvr_korva"}, std::pair{"hw", "/dev/snd/hwC0D2"}}) {
-    SCOPED_TRACE(nodes);
-    const RunResult run = Run({"--nodes", nodes}, {tuningDir_});
-    Lines expected = RunStartLines(LoggedHandle(run));
-    if (std::string(nodes) == "sw") {
-      expected.insert(expected.begin() + 2, "Error opening korva DSP driver (errno 2, No such file or directory). "
-                                            "Attempting to open SOFTWARE driver.");
+// Neither node opens, missing or refused by the security policy: 1002
+// passes, each naming the errno, then the run gives up with exit status 1.
+TEST_F(ConfiguratorTest, NoNodeGivesUpAfter1002Passes) {
+  if (!fs::exists(e2e::kFaketimeExe)) GTEST_SKIP() << "faketime is not installed";
+  struct Case {
+    Lines options;
+    const char* cause;
+  };
+  for (const Case& c : {Case{{"--nodes", "none"}, "errno 2, No such file or directory"},
+                        Case{{"--node", "hw=denied", "--node", "sw=denied"}, "errno 13, Permission denied"}}) {
+    SCOPED_TRACE(c.cause);
+    Lines options = c.options;
+    options.push_back("--summary");
+    // 1001 sleeps of 100 ms, run a thousand times faster.
+    const RunResult run = RunSim(options, {e2e::kFaketimeExe, "-f", "+0 x1000", e2e::kConfiguratorExe});
+    const auto failed = [&](const char* node, const char* next) {
+      return Format("Error opening korva %s driver (%s). %s", node, c.cause, next);
+    };
+    const std::string hardware = failed("DSP", "Attempting to open SOFTWARE driver.");
+    const std::string retry = failed("SOFTWARE", "Sleeping for 100 ms and trying again...");
+    const std::string giveUp = failed("SOFTWARE", "Max retry count of 1000 hit. Exiting...");
+    // The banner, then every pass tries the hardware node first, then the software node.
+    ASSERT_EQ(run.log.size(), 1u + 1002u + 1001u + 1u);
+    for (size_t pass = 0; pass < 1002; ++pass) {
+      ASSERT_EQ(run.log[1 + 2 * pass], hardware) << "pass " << pass + 1;
+      ASSERT_EQ(run.log[2 + 2 * pass], pass < 1001 ? retry : giveUp) << "pass " << pass + 1;
     }
-    for (size_t i = 0; i < 6; ++i) Append(expected, SlotLines(i, kSlotSuccess));
-    Append(expected, {"load_settings() returns 0.", "Success setting parameters."});
-    EXPECT_THAT(run.log, ElementsAreArray(expected));
-    ASSERT_EQ(run.requests.size(), 16u);
-    for (const e2e::Request& request : run.requests) EXPECT_EQ(request.node, node);
+    EXPECT_EQ(run.status, 1);
+    EXPECT_TRUE(run.requests.empty());
+    EXPECT_THAT(run.out, testing::HasSubstr("faults injected: 2004 (failed opens 2004,"));
+    EXPECT_LT(run.seconds, 20.0) << "the sleeps were not accelerated";
   }
 }
 
-TEST_F(ConfiguratorTest, NoNodeGivesUpAfter1002Passes) {
-  if (!fs::exists(e2e::kFaketimeExe)) GTEST_SKIP() << "faketime is not installed";
-  // 1001 sleeps of 100 ms, run a thousand times faster.
-  const RunResult run = RunSim({"--nodes", "none"}, {e2e::kFaketimeExe, "-f", "+0 x1000", e2e::kConfiguratorExe});
-  const auto failed = [](const char* node, const char* next) {
-    return Format("Error opening korva %s driver (errno 2, No such file or directory). %s", node, next);
-  };
-  const std::string hardware = failed("DSP", "Attempting to open SOFTWARE driver.");
-  const std::string retry = failed("SOFTWARE", "Sleeping for 100 ms and trying again...");
-  const std::string giveUp = failed("SOFTWARE", "Max retry count of 1000 hit. Exiting...");
-  // The banner, then every pass tries the hardware node first, then the software node.
-  ASSERT_EQ(run.log.size(), 1u + 1002u + 1001u + 1u);
-  for (size_t pass = 0; pass < 1002; ++pass) {
-    ASSERT_EQ(run.log[1 + 2 * pass], hardware) << "pass " << pass + 1;
-    ASSERT_EQ(run.log[2 + 2 * pass], pass < 1001 ? retry : giveUp) << "pass " << pass + 1;
-  }
-  EXPECT_EQ(run.status, 1);
-  EXPECT_TRUE(run.requests.empty());
-  EXPECT_LT(run.seconds, 20.0) << "the sleeps were not accelerated";
+// At boot the software node's module loads late while the policy refuses the
+// hardware node: every pass names EACCES for the hardware node, three passes
+// find no software node and sleep, the fourth opens it and the run goes on.
+TEST_F(ConfiguratorTest, RefusedHardwareNodeAndLateSoftwareNode) {
+  WriteTuningSet();
+  const RunResult run =
+      Run({"--node", "hw=denied", "--node", "sw=absent", "--node", "sw=present@4", "--summary"}, {tuningDir_});
+  const std::string refused =
+      "Error opening korva DSP driver (errno 13, Permission denied). Attempting to open SOFTWARE driver.";
+  const std::string missing =
+      "Error opening korva SOFTWARE driver (errno 2, No such file or directory). Sleeping for 100 ms and trying "
+      "again...";
+  Lines expected = RunStartLines(LoggedHandle(run));
+  expected.insert(expected.begin() + 2, {refused, missing, refused, missing, refused, missing, refused});
+  for (size_t i = 0; i < 6; ++i) Append(expected, SlotLines(i, kSlotSuccess));
+  Append(expected, {"load_settings() returns 0.", "Success setting parameters."});
+  EXPECT_THAT(run.log, ElementsAreArray(expected));
+  EXPECT_EQ(run.status, 0);
+
+  Lines names = kStartRequests;
+  for (int i = 0; i < 6; ++i) Append(names, {"SET_CACHE_BLOCK", "SET_PARAM"});
+  ASSERT_THAT(Names(run), ElementsAreArray(names));
+  for (const e2e::Request& request : run.requests) EXPECT_EQ(request.node, "/dev/qvr_korva");
+  const std::vector<e2e::Request> blocks = run.Of("SET_CACHE_BLOCK");
+  const std::vector<e2e::Request> uploads = run.Of("SET_PARAM");
+  for (size_t i = 0; i < 6; ++i) ExpectSlotRequests(blocks[i], &uploads[i], i);
+  EXPECT_THAT(run.out, testing::StartsWith("korva-driver-sim summary\n"
+                                           "node /dev/snd/hwC0D2: 4 opens, 4 failed with errno 13\n"
+                                           "node /dev/qvr_korva: 4 opens, 3 failed with errno 2\n"
+                                           "faults injected: 7 (failed opens 7, failed allocations 0, "
+                                           "forced answers 0)\n"));
 }
 
 TEST_F(ConfiguratorTest, DriverHandleIsAnExportedSymbol) {
@@ -299,47 +329,143 @@ TEST_F(ConfiguratorTest, VersionIsReadFromTwentyBytesOnly) {
 
 // ---- Slots ------------------------------------------------------------------------
 
-// One slot fails (slot 2: its file is missing, or the driver refuses one of its
-// requests); every slot is still attempted, the others upload their own payloads.
+// One slot fails (its file is missing, the driver refuses one of its
+// requests, or its upload buffer cannot be allocated); every slot is still
+// attempted, the others upload their own payloads, the exit status stays 0.
+// The simulated driver holds no upload for the failed slot.
 TEST_F(ConfiguratorTest, OneSlotsFailureLeavesTheOthers) {
   slots_[4].bitmask = 0;  // the combo slot's device bit is set even on an empty mask
   struct Case {
-    std::string answer;  // simulator --answer, or empty for a missing file
-    Lines slotTail;      // slot 2's lines after its cache block line
+    Lines options;       // simulator options; none: slot 2's file is missing
+    size_t slot;         // the slot that fails
+    Lines slotTail;      // its lines after its cache block line
+    bool uploads;        // whether it still sends an upload
+    std::string faults;  // the summary's count of injected faults
   };
   const std::string sending = "Sending data to cache...";
   const std::string read = "QVRCS_GetPremixData() returns 0";
   const std::string refused = "load_one_qvrcs_set() returns -2";
+  const std::string noFault = "faults injected: 0 (failed opens 0, failed allocations 0, forced answers 0)";
+  const std::string forced = "faults injected: 1 (failed opens 0, failed allocations 0, forced answers 1)";
   const std::vector<Case> cases = {
-      {"", {sending, "Error: could not open " + TuningPath(2), "QVRCS_GetPremixData() returns -4",
-            "load_one_qvrcs_set() returns -4"}},
-      {"SET_CACHE_BLOCK#3=-5", {refused}},
-      {"SET_PARAM#3=-5", {sending, read, "ioctl(QVR_KORVA_IOCTL_SET_PARAM) returns -1", refused}},
-      {"SET_PARAM#3=7", {sending, read, "ioctl(QVR_KORVA_IOCTL_SET_PARAM) returns 7", refused}},
+      {{},
+       2,
+       {sending, "Error: could not open " + TuningPath(2), "QVRCS_GetPremixData() returns -4",
+        "load_one_qvrcs_set() returns -4"},
+       false,
+       noFault},
+      {{"--answer", "SET_CACHE_BLOCK#3=-5"}, 2, {refused}, false, forced},
+      {{"--answer", "SET_PARAM#3=-5"}, 2, {sending, read, "ioctl(QVR_KORVA_IOCTL_SET_PARAM) returns -1", refused}, true,
+       forced},
+      {{"--answer", "SET_PARAM#3=7"}, 2, {sending, read, "ioctl(QVR_KORVA_IOCTL_SET_PARAM) returns 7", refused}, true,
+       forced},
+      {{"--fail-alloc", "4"},
+       3,
+       {sending, "Error allocating memory for qvr_korva_param_desc", "load_one_qvrcs_set() returns -3"},
+       false,
+       "faults injected: 1 (failed opens 0, failed allocations 1, forced answers 0)\n"
+       "upload buffer allocation 4: failed with errno 12"},
   };
   for (const Case& c : cases) {
-    SCOPED_TRACE(c.answer.empty() ? "missing file" : c.answer);
+    SCOPED_TRACE(c.options.empty() ? "missing file" : c.options.back());
     WriteTuningSet();
-    if (c.answer.empty()) {
-      ASSERT_TRUE(fs::remove(TuningPath(2)));
+    if (c.options.empty()) {
+      ASSERT_TRUE(fs::remove(TuningPath(c.slot)));
     }
-    const RunResult run = Run(c.answer.empty() ? Lines{} : Lines{"--answer", c.answer}, {tuningDir_});
+    Lines options = c.options;
+    options.push_back("--summary");
+    const RunResult run = Run(options, {tuningDir_});
     Lines expected = RunStartLines(LoggedHandle(run));
-    for (size_t i = 0; i < 6; ++i) Append(expected, SlotLines(i, i == 2 ? c.slotTail : kSlotSuccess));
+    for (size_t i = 0; i < 6; ++i) Append(expected, SlotLines(i, i == c.slot ? c.slotTail : kSlotSuccess));
     Append(expected, {"load_settings() returns -1.", "Error setting parameters."});
     EXPECT_THAT(run.log, ElementsAreArray(expected));
     EXPECT_EQ(run.status, 0);
+    EXPECT_THAT(run.err, testing::Not(testing::HasSubstr("korva-driver-sim:")));
 
-    const bool slot2Uploads = c.answer.rfind("SET_PARAM", 0) == 0;
     const std::vector<e2e::Request> blocks = run.Of("SET_CACHE_BLOCK");
     const std::vector<e2e::Request> uploads = run.Of("SET_PARAM");
     ASSERT_EQ(blocks.size(), 6u);
-    ASSERT_EQ(uploads.size(), slot2Uploads ? 6u : 5u);
+    ASSERT_EQ(uploads.size(), c.uploads ? 6u : 5u);
     for (size_t i = 0, upload = 0; i < 6; ++i) {
-      const bool uploaded = i != 2 || slot2Uploads;
+      const bool uploaded = i != c.slot || c.uploads;
       ExpectSlotRequests(blocks[i], uploaded ? &uploads[upload++] : nullptr, i);
     }
+
+    // What the driver holds: every block but the failed one.
+    EXPECT_THAT(run.out, testing::HasSubstr("\n" + c.faults + "\n"));
+    for (size_t i = 0; i < 6; ++i) {
+      const std::string block = Format("\nblock %zu: bitmask=", i);
+      const size_t at = run.out.find(block);
+      const std::string line = at == std::string::npos ? "" : run.out.substr(at + 1, run.out.find('\n', at + 1) - at - 1);
+      EXPECT_EQ(line.find("upload=yes") != std::string::npos, i != c.slot) << line;
+    }
   }
+}
+
+// ---- The simulator's own command line -----------------------------------------------
+
+using SimulatorTest = e2e::E2eTest;
+
+// A bad option is the simulator's own failure: exit status 2, a message that
+// names the simulator, and the program never runs.
+TEST_F(SimulatorTest, BadOptionsExit2BeforeTheProgramRuns) {
+  const std::string marker = dir() + "/ran";
+  ASSERT_TRUE(fs::create_directory(dir() + "/capture"));
+  WriteFile(dir() + "/capture/earlier.txt", "");
+  const std::vector<Lines> bad = {
+      {"--bogus"},
+      {"--nodes", "three"},
+      {"--node", "sw=maybe"},
+      {"--node", "sw=absent@2", "--node", "sw=present@1s"},
+      {"--fail-alloc", "0"},
+      {"--answer", "SET_PARAMS=1"},
+      {"--dump-cache", dir() + "/no/such/folder/cache.bin"},
+      {"--dump-cache", dir()},
+      {"--capture", dir() + "/capture"},
+      {"--capture", dir() + "/capture", "--force"},
+  };
+  for (const Lines& options : bad) {
+    SCOPED_TRACE(options.front() + " " + options.back());
+    const RunResult run = RunSim(options, {"touch", marker});
+    EXPECT_EQ(run.status, 2);
+    EXPECT_THAT(run.err, testing::MatchesRegex("korva-driver-sim: [^\n]+\n")) << run.err;
+    EXPECT_FALSE(fs::exists(marker)) << "the program ran";
+  }
+  EXPECT_TRUE(fs::exists(dir() + "/capture/earlier.txt"));
+}
+
+TEST_F(SimulatorTest, VersionAndHelpExit0) {
+  RunResult run = RunSim({"--version"}, {"true"});
+  EXPECT_EQ(run.status, 0);
+  EXPECT_THAT(run.out, testing::MatchesRegex("korva-driver-sim [0-9]+\\.[0-9]+\n"));
+  run = RunSim({"--help"}, {"true"});
+  EXPECT_EQ(run.status, 0);
+  EXPECT_THAT(run.out, testing::HasSubstr("--fail-alloc"));
+}
+
+// After the run the simulator reports what went wrong on its side, but the
+// exit status is the program's own.
+TEST_F(SimulatorTest, AfterTheRunTheProgramsExitStatusPassesThrough) {
+  // The cache file is written whole or not at all.
+  const std::string cacheFile = dir() + "/cache.bin";
+  WriteFile(cacheFile, "older");
+  RunResult run = RunSim({"--dump-cache", cacheFile}, {"sh", "-c", "exit 3"});
+  EXPECT_EQ(run.status, 3);
+  EXPECT_EQ(ReadFile(cacheFile), "") << "no cache was set up";
+  EXPECT_EQ(std::distance(fs::directory_iterator(dir()), fs::directory_iterator()), 2) << "a temporary file remains";
+
+  // A device that takes no data: the run's own status 0 stays.
+  run = RunSim({"--dump-cache", "/dev/full"}, {e2e::kConfiguratorExe, dir()});
+  EXPECT_EQ(run.status, 0);
+  EXPECT_THAT(run.err, testing::HasSubstr("korva-driver-sim: cannot write /dev/full: No space left on device"));
+
+  // Answer rules whose request never came that often are reported.
+  run = RunSim({"--answer", "SET_CACHE_SIZE#1=-5", "--answer", "SET_CACHE_SIZE#2=-5", "--answer", "SET_PARAM=1"},
+               {e2e::kConfiguratorExe, dir()});
+  EXPECT_EQ(run.status, 0);
+  EXPECT_THAT(run.err, testing::Not(testing::HasSubstr("SET_CACHE_SIZE#1=-5 never applied")));
+  EXPECT_THAT(run.err, testing::HasSubstr("korva-driver-sim: --answer SET_CACHE_SIZE#2=-5 never applied"));
+  EXPECT_THAT(run.err, testing::HasSubstr("korva-driver-sim: --answer SET_PARAM=1 never applied"));
 }
 
 }  // namespace

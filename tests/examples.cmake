@@ -13,6 +13,7 @@ add_test(NAME coefgen_is_reproducible
           -DSOURCE=${PROJECT_SOURCE_DIR}/examples/src/headphones.textproto
           -DEXPECTED=${CMAKE_BINARY_DIR}/examples/text/headphones.textproto
           -DSCRATCH=${coefgen_scratch}/reproduce -P ${coefgen_check})
+set_tests_properties(coefgen_is_reproducible PROPERTIES LABELS target_programs)
 
 # coefgen refuses a directive it cannot honour, names the line, and writes nothing.
 set(coefgen_bad_no_rate "coeffTables {\n  #@ hpir taps=4 seed=1\n}\n")
@@ -30,4 +31,19 @@ foreach(case no_rate overflow padding kind)
             -DSOURCE=${coefgen_scratch}/bad_${case}.textproto
             -DEXPECTED=${coefgen_bad_${case}_error}
             -DSCRATCH=${coefgen_scratch}/bad_${case} -P ${coefgen_check})
+  set_tests_properties(coefgen_rejects_${case} PROPERTIES LABELS target_programs)
 endforeach()
+
+# Whole-payload fixtures of the example set; `update_goldens` rewrites them.
+qvr_add_test(golden_test
+  SOURCES ${CMAKE_CURRENT_LIST_DIR}/golden_test.cpp ${PROJECT_SOURCE_DIR}/fuzz/block_checks.cpp
+          ${PROJECT_SOURCE_DIR}/fuzz/fuzz_support.cpp
+  LIBS configurator_core)
+target_compile_definitions(golden_test PRIVATE
+  QVR_EXAMPLES_DIR="${QVR_EXAMPLES_DIR}" QVR_GOLDEN_DIR="${CMAKE_CURRENT_LIST_DIR}/golden")
+add_dependencies(golden_test examples)
+add_custom_target(update_goldens
+  COMMAND ${CMAKE_COMMAND} -E env QVR_UPDATE_GOLDENS=1 $<TARGET_FILE:golden_test>
+  DEPENDS golden_test
+  COMMENT "Rewriting tests/golden/*.hex from the current conversion"
+  VERBATIM)

@@ -74,12 +74,13 @@ struct Case {
 
 void PrintTo(const Case& c, std::ostream* os) { *os << c.name; }
 
-// What a request's answer means to the configurator: the queries and the
-// volume request fail only on a negative answer, the cache and upload
-// requests on any answer but 0.
+// Whether the configurator takes `answer` to `request` for a refusal.
 bool AnswerFails(const std::string& request, int64_t answer) {
-  if (request == "GET_PARAM" || request == "SET_VOLUME_CONTROLS") return answer < 0;
-  return answer != 0;
+  for (const QvrKorvaRequest& known : kQvrKorvaRequests) {
+    if (request == known.name) return qvr_answer_refused(known.code, answer);
+  }
+  ADD_FAILURE() << "unknown request " << request;
+  return true;
 }
 
 // The answer the configurator sees for a simulator --answer value.

@@ -3,10 +3,11 @@
 # builds too, as a test: fuzz_corpus_<target>.
 # The settings target reads its input through clang's header-only
 # FuzzedDataProvider; only that header is taken from clang's include
-# directory (the rest of it is clang's own and breaks gcc).
+# directory (the rest of it is clang's own and breaks gcc). It is the same
+# for every target, so a cross build takes the host's.
 find_file(QVR_FUZZED_DATA_PROVIDER fuzzer/FuzzedDataProvider.h
   PATHS /usr/lib/llvm-14/lib/clang/14.0.6/include /usr/lib/llvm-14/lib/clang/14/include
-  NO_DEFAULT_PATH)
+  NO_DEFAULT_PATH NO_CMAKE_FIND_ROOT_PATH)
 if(QVR_FUZZED_DATA_PROVIDER)
   set(QVR_FUZZED_DATA_PROVIDER_DIR ${CMAKE_CURRENT_BINARY_DIR}/fuzz_include)
   file(COPY ${QVR_FUZZED_DATA_PROVIDER} DESTINATION ${QVR_FUZZED_DATA_PROVIDER_DIR}/fuzzer)

@@ -6,10 +6,12 @@
 #include <cerrno>
 #include <cstring>
 #include <filesystem>
+#include <string>
 #include <tuple>
 
 #include "configurator/korva_driver.h"
 #include "test_support.h"
+#include "tools/korva-driver-sim/node_rules.h"
 #include "tools/korva-driver-sim/sim_model.h"
 
 namespace {
@@ -74,6 +76,15 @@ FakeClient Upload(int32_t size, size_t present, uint8_t fill, uint32_t device = 
 
 bool IsOk(const Outcome& outcome) { return outcome.answer == 0 && outcome.error == 0; }
 
+std::vector<AnswerRule> Rules(const std::vector<std::string>& texts) {
+  std::vector<AnswerRule> rules;
+  for (const std::string& text : texts) {
+    std::string error;
+    EXPECT_TRUE(korva_sim::ParseAnswerRule(text, rules.emplace_back(), error)) << error;
+  }
+  return rules;
+}
+
 // Every byte of [first, last) is `value`.
 bool All(Bytes::const_iterator first, Bytes::const_iterator last, uint8_t value) {
   return std::all_of(first, last, [value](uint8_t b) { return b == value; });
@@ -92,12 +103,47 @@ TEST(AnswerRuleTest, ParsesRulesAndTheExactOccurrenceWins) {
     EXPECT_FALSE(error.empty()) << bad;
   }
 
-  const std::vector<AnswerRule> rules = {
-      {"SET_PARAM", 2, -7}, {"SET_PARAM", 0, 4}, {"SET_PARAM", 0, 5}, {"GET_PARAM", 1, -1}};
-  EXPECT_EQ(korva_sim::FindAnswer(rules, "SET_PARAM", 1), 5) << "the later general rule wins";
-  EXPECT_EQ(korva_sim::FindAnswer(rules, "SET_PARAM", 2), -7);
-  EXPECT_EQ(korva_sim::FindAnswer(rules, "GET_PARAM", 2), std::nullopt);
-  EXPECT_EQ(korva_sim::FindAnswer(rules, "SET_CACHE_SIZE", 1), std::nullopt);
+  const std::vector<AnswerRule> rules = Rules({"SET_PARAM#2=-7", "SET_PARAM=4", "SET_PARAM=5", "GET_PARAM#1=-1"});
+  EXPECT_EQ(korva_sim::FindAnswer(rules, "SET_PARAM", 1)->value, 5) << "the later general rule wins";
+  EXPECT_EQ(korva_sim::FindAnswer(rules, "SET_PARAM", 2)->value, -7);
+  EXPECT_EQ(korva_sim::FindAnswer(rules, "GET_PARAM", 2), nullptr);
+  EXPECT_EQ(korva_sim::FindAnswer(rules, "SET_CACHE_SIZE", 1), nullptr);
+}
+
+// A node rule's state holds from its start on; before a node's first rule
+// the node is what that rule is not.
+TEST(NodeRuleTest, StateFollowsOpensOrTheProgramsClock) {
+  using korva_sim::NodeState;
+  const auto parse = [](std::vector<std::string> texts) {
+    std::vector<korva_sim::NodeRule> rules;
+    for (const std::string& text : texts) {
+      EXPECT_TRUE(korva_sim::ParseNodeRule(text, rules.emplace_back())) << text;
+    }
+    return rules;
+  };
+  constexpr size_t kHw = 0;
+  constexpr size_t kSw = 1;
+  const auto byOpen = parse({"hw=denied", "sw=absent", "sw=present@4"});
+  for (uint64_t open = 1; open <= 5; ++open) {
+    EXPECT_EQ(StateAt(byOpen.data(), byOpen.size(), kHw, open, 0), NodeState::kDenied) << open;
+    EXPECT_EQ(StateAt(byOpen.data(), byOpen.size(), kSw, open, 0), open < 4 ? NodeState::kAbsent : NodeState::kPresent)
+        << open;
+  }
+  // A node that appears late is absent until then; one refused late is present until then.
+  const auto byTime = parse({"sw=present@2.5s", "hw=denied@0.25s"});
+  EXPECT_EQ(StateAt(byTime.data(), byTime.size(), kSw, 99, 2499), NodeState::kAbsent);
+  EXPECT_EQ(StateAt(byTime.data(), byTime.size(), kSw, 1, 2500), NodeState::kPresent);
+  EXPECT_EQ(StateAt(byTime.data(), byTime.size(), kHw, 1, 249), NodeState::kPresent);
+  EXPECT_EQ(StateAt(byTime.data(), byTime.size(), kHw, 1, 250), NodeState::kDenied);
+  // Of two rules with the same start the later one holds.
+  const auto later = parse({"sw=absent", "sw=denied@1"});
+  EXPECT_EQ(StateAt(later.data(), later.size(), kSw, 1, 0), NodeState::kDenied);
+
+  korva_sim::NodeRule rule;
+  for (const char* bad : {"hw", "xx=absent", "hw=gone", "hw=absent@0", "hw=absent@", "hw=absent@1.5",
+                          "hw=absent@s", "hw=absent@1.2345s", "hw=absent@-1", "hw=absent@2x"}) {
+    EXPECT_FALSE(korva_sim::ParseNodeRule(bad, rule)) << bad;
+  }
 }
 
 TEST(SimDriverTest, UploadLandsAtTheSelectedBlock) {
@@ -180,21 +226,46 @@ TEST(SimDriverTest, QueryReplyStaysInsideTheDescribedSpace) {
   }
 }
 
+// A request answered as the configurator takes for a refusal (a negative
+// answer, or for the cache and upload requests any answer but 0) changes
+// nothing; a positive answer to a query is no refusal.
 TEST(SimDriverTest, ForcedRefusalChangesNothing) {
   DriverConfig config;
-  config.answers = {{"SET_CACHE_SIZE", 1, -12}, {"GET_PARAM", 0, -5}};
+  config.dspVersion = "KQ";
+  config.answers = Rules({"SET_CACHE_SIZE#1=-12", "SET_CACHE_SIZE#2=1", "GET_PARAM#1=-5", "GET_PARAM#2=3",
+                          "SET_PARAM#1=3", "SET_PARAM#2=-5", "SET_CACHE_BLOCK#2=2"});
   Driver driver(config);
   const Outcome first = SetCacheSize(driver, 4096);
   EXPECT_EQ(std::tie(first.answer, first.error), std::tuple(-1, 12));
+  EXPECT_EQ(SetCacheSize(driver, 4096).answer, 1);
   EXPECT_TRUE(driver.cache().empty());
-  EXPECT_TRUE(IsOk(SetCacheSize(driver, 4096))) << "only the first occurrence was refused";
-  EXPECT_EQ(driver.cache().size(), 4096u);
+  ASSERT_TRUE(IsOk(SetCacheSize(driver, qvr::kDriverCacheSize))) << "only two occurrences were refused";
+  EXPECT_EQ(driver.cache().size(), static_cast<size_t>(qvr::kDriverCacheSize));
 
   FakeClient query = ClientWith(qvr_korva_param_desc{PARAM_ID_DSP_VERSION, 20, -1, 2}, 20, 0xEE);
   const Outcome refused = query.Send(driver, QVR_KORVA_IOCTL_GET_PARAM);
   EXPECT_EQ(std::tie(refused.answer, refused.error), std::tuple(-1, 5));
-  EXPECT_TRUE(All(query.memory.begin() + 16, query.memory.end(), 0xEE))
-      << "a refused query writes no reply";
+  EXPECT_TRUE(All(query.memory.begin() + 16, query.memory.end(), 0xEE)) << "a refused query writes no reply";
+  EXPECT_EQ(query.Send(driver, QVR_KORVA_IOCTL_GET_PARAM).answer, 3);
+  EXPECT_EQ(query.memory[16], 'K') << "a positive answer to a query comes with its reply";
+
+  ASSERT_TRUE(IsOk(SelectBlock(driver, 1, 0x20)));
+  for (int refusal = 0; refusal < 2; ++refusal) {
+    FakeClient upload = Upload(100, 100, 0x5A);
+    EXPECT_NE(upload.Send(driver, QVR_KORVA_IOCTL_SET_PARAM).answer, 0);
+  }
+  EXPECT_FALSE(driver.blocks().at(1).uploaded);
+  EXPECT_TRUE(All(driver.cache().begin(), driver.cache().end(), 0)) << "no refused upload reached the cache";
+  EXPECT_EQ(SelectBlock(driver, 2, 0x20).answer, 2);
+  EXPECT_EQ(driver.blocks().count(2), 0u) << "a refused block descriptor selects nothing";
+
+  EXPECT_TRUE(driver.UnmatchedAnswers().empty());
+  Driver idle(config);
+  SetCacheSize(idle, 4096);
+  std::vector<std::string> unmatched;
+  for (const AnswerRule& rule : idle.UnmatchedAnswers()) unmatched.push_back(rule.text);
+  EXPECT_EQ(unmatched, (std::vector<std::string>{"SET_CACHE_SIZE#2=1", "GET_PARAM#1=-5", "GET_PARAM#2=3",
+                                                 "SET_PARAM#1=3", "SET_PARAM#2=-5", "SET_CACHE_BLOCK#2=2"}));
 }
 
 using CaptureTest = qvr_test::ScratchDirTest;
@@ -215,15 +286,43 @@ TEST_F(CaptureTest, RecordsEveryRequestIncludingUnknownOnes) {
     absurd.Send(driver, QVR_KORVA_IOCTL_SET_PARAM);
   }
   const std::string expected =
-      "{\"seq\":1,\"node\":\"/dev/qvr_korva\",\"request\":\"SET_CACHE_SIZE\",\"code\":1074065921,"
+      "{\"seq\":1,\"node\":\"/dev/qvr_korva\",\"request\":\"SET_CACHE_SIZE\",\"code\":" +
+      std::to_string(QVR_KORVA_IOCTL_SET_CACHE_SIZE) + ","
       "\"answer\":0,\"errno\":0,\"arg\":\"0001-SET_CACHE_SIZE.bin\",\"arg_size\":4}\n"
       "{\"seq\":2,\"node\":\"/dev/qvr_korva\",\"request\":\"UNKNOWN\",\"code\":62207,"
       "\"answer\":-1,\"errno\":25,\"arg\":\"0002-UNKNOWN.bin\",\"arg_size\":0}\n"
-      "{\"seq\":3,\"node\":\"/dev/qvr_korva\",\"request\":\"SET_PARAM\",\"code\":1074328067,"
+      "{\"seq\":3,\"node\":\"/dev/qvr_korva\",\"request\":\"SET_PARAM\",\"code\":" +
+      std::to_string(QVR_KORVA_IOCTL_SET_PARAM) + ","
       "\"answer\":-1,\"errno\":22,\"arg\":\"0003-SET_PARAM.bin\",\"arg_size\":16}\n";
   EXPECT_EQ(qvr_test::ReadFile(Path("capture/requests.jsonl")), expected);
   EXPECT_EQ(fs::file_size(Path("capture/0001-SET_CACHE_SIZE.bin")), 4u);
   EXPECT_EQ(fs::file_size(Path("capture/0003-SET_PARAM.bin")), 16u);
+}
+
+// A capture never lands beside an older one: a folder that is not empty is
+// refused; clearing removes an earlier capture and nothing else.
+TEST_F(CaptureTest, FolderMustBeEmptyOrHoldOnlyAnEarlierCapture) {
+  const auto start = [&](bool clear, std::string& error) {
+    DriverConfig config;
+    config.captureDir = Path("capture");
+    config.clearCapture = clear;
+    Driver driver(config);
+    const bool started = driver.Start(error);
+    if (started) SetCacheSize(driver, 64);
+    return started;
+  };
+  std::string error;
+  ASSERT_TRUE(start(false, error)) << error;
+  EXPECT_FALSE(start(false, error));
+  EXPECT_NE(error.find("is not empty"), std::string::npos) << error;
+  ASSERT_TRUE(start(true, error)) << error;
+  EXPECT_EQ(std::distance(fs::directory_iterator(Path("capture")), fs::directory_iterator()), 2);
+
+  qvr_test::WriteFile(Path("capture/notes.txt"), "keep");
+  EXPECT_FALSE(start(true, error));
+  EXPECT_NE(error.find("notes.txt"), std::string::npos) << error;
+  EXPECT_TRUE(fs::exists(Path("capture/notes.txt")));
+  EXPECT_TRUE(fs::exists(Path("capture/requests.jsonl"))) << "nothing is removed when anything would stay";
 }
 
 }  // namespace

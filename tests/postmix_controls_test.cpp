@@ -69,21 +69,6 @@ TEST_F(PostmixControlsTest, PerChannelArraysFollowTheDspChannelOrder) {
   EXPECT_TRUE(AllWithin(ChangedBytes(aeq, Baseline()), 72, 96));
 }
 
-TEST_F(PostmixControlsTest, ScalarWordsAndBypassModeInPlainOrder) {
-  postmix()->set_output_device(1);
-  postmix()->set_postmix_gain(-300);
-  postmix()->set_hpf_enable(1);
-  postmix()->set_dc_cut_enable(0);
-  postmix()->set_limiter_master_vol(70000);
-  postmix()->set_bypass_gain(-2);
-  for (int32_t v = 50; v < 57; ++v) postmix()->add_bypass_mode(v);
-  const PostmixBytes block = Convert();
-  EXPECT_TRUE(WordsAre(block, 0, {1, -300, 1}));
-  EXPECT_TRUE(WordsAre(block, 96, {0, 50, 51, 52, 53, 54, 70000, -2}));
-  EXPECT_TRUE(AllWithin(ChangedBytes(block, Baseline()), 0, 128));
-  EXPECT_TRUE(SameBytes(*block.bytes, Baseline(), 12, 24)) << "limiter and the Zell modes are not set";
-}
-
 TEST_F(PostmixControlsTest, ZellMultiChMinusOneIsStoredAsZero) {
   postmix()->set_zell_multi_ch(-1);
   postmix()->set_zell_stereo_mode(-1);  // no rewrite for this one
@@ -113,54 +98,6 @@ TEST_F(PostmixControlsTest, VelmoSubRecordsAreEachTestedForPresence) {
   EXPECT_EQ(block.I16(212), -5);
   // Mox3d, Ombra, Velmo's own words and the reserved CC CC stay as they were.
   EXPECT_TRUE(AllWithin(ChangedBytes(block, Baseline()), 172, 214));
-}
-
-TEST_F(PostmixControlsTest, VelmoWordsAndHalfWords) {
-  auto* velmo = postmix()->mutable_velmo();
-  velmo->set_enable(1);
-  velmo->set_focus_enable(0);
-  velmo->set_input_gain(70000);
-  velmo->set_focus_level(-1);
-  const PostmixBytes block = Convert();
-  EXPECT_EQ(block.I32(216), 1);
-  EXPECT_EQ(block.I32(236), 0);
-  EXPECT_EQ(block.I16(240), 0x1170);
-  EXPECT_EQ(block.I16(248), -1);
-  EXPECT_TRUE(AllWithin(ChangedBytes(block, Baseline()), 216, 250));
-
-  velmo->mutable_ombra()->set_speaker_separation_level(65535);
-  velmo->mutable_mox3d()->set_center_level(1);
-  velmo->mutable_mox3d()->set_enable(0);
-  const PostmixBytes sub = Convert();
-  EXPECT_EQ(sub.U16(170), 0xFFFF);
-  EXPECT_EQ(sub.I16(152), 1);
-  EXPECT_EQ(sub.I32(128), 0);
-  EXPECT_TRUE(OnlyIn(ChangedBytes(sub, Baseline()), Bytes({{128, 132}, {152, 154}, {170, 172}, {216, 250}})));
-}
-
-TEST_F(PostmixControlsTest, Geq10bAeqAndZellSections) {
-  auto* geq = postmix()->mutable_geq10b();
-  geq->set_enable(1);
-  geq->set_band0_gain(40000);
-  geq->set_band9_gain(70000);
-  auto* aeq = postmix()->mutable_aeq();
-  aeq->set_enable(1);
-  aeq->set_bypass_gain(-2);
-  auto* zell = postmix()->mutable_zell();
-  zell->set_downmix(0);
-  zell->set_bypass_hpeq(5);
-  zell->set_limiter(4);              // no slot
-  zell->add_super_stereo_coef(123);  // no slot
-  const PostmixBytes block = Convert();
-  EXPECT_EQ(block.I32(252), 1);
-  EXPECT_EQ(block.U16(258), 0x9C40);
-  EXPECT_EQ(block.I16(276), 0x1170);
-  EXPECT_EQ(block.I32(280), 1);
-  EXPECT_EQ(block.I16(288), -2);
-  EXPECT_EQ(block.I32(388), 0);
-  EXPECT_EQ(block.I32(408), 5);
-  EXPECT_TRUE(OnlyIn(ChangedBytes(block, Baseline()),
-                     Bytes({{252, 256}, {258, 260}, {276, 278}, {280, 284}, {288, 290}, {388, 392}, {408, 412}})));
 }
 
 TEST_F(PostmixControlsTest, Enhance2HasItsOwnOffsetAndStatus) {

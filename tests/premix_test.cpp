@@ -29,20 +29,6 @@ TEST_F(PremixTest, WithoutPremixTheTemplateIsCopiedOrTheCallersBytesKept) {
   EXPECT_EQ(*Convert().bytes, kPremixTemplate);
 }
 
-TEST_F(PremixTest, StageWordsLandAtTheirOffsetsAndNothingElseMoves) {
-  auto* premix = settings_.mutable_premix();
-  premix->set_output_device(2);
-  premix->set_stream_gain(-7);
-  premix->set_stream_gain_downstream(70000);  // a 32-bit word: no truncation
-  premix->set_headroom_limit(-1);
-  premix->set_headroom_ratio(12345);
-  const PremixBytes block = Convert();
-  EXPECT_TRUE(WordsAre(block, 116, {2, -7}));
-  EXPECT_TRUE(WordsAre(block, 144, {70000, -1, 12345}));
-  EXPECT_TRUE(AllWithin(ChangedBytes(block, kPremixTemplate), 116, 156));
-  EXPECT_TRUE(SameBytes(*block.bytes, kPremixTemplate, 124, 144)) << "bypass_mode untouched";
-}
-
 TEST_F(PremixTest, BypassModeWritesAtMostFiveSlots) {
   settings_.mutable_premix()->add_bypass_mode(0);
   settings_.mutable_premix()->add_bypass_mode(1);
@@ -55,25 +41,6 @@ TEST_F(PremixTest, BypassModeWritesAtMostFiveSlots) {
   const PremixBytes full = Convert();
   EXPECT_TRUE(WordsAre(full, 124, Ramp(5, 20)));
   EXPECT_TRUE(AllWithin(ChangedBytes(full, kPremixTemplate), 124, 144));
-}
-
-TEST_F(PremixTest, DravoWordsAndTruncatedHalfWordsEachTestedForPresence) {
-  auto* dravo = settings_.mutable_premix()->mutable_dravo();
-  dravo->set_output_gain(0);
-  const PremixBytes one = Convert();
-  EXPECT_EQ(one.I16(14), 0);
-  EXPECT_TRUE(AllWithin(ChangedBytes(one, kPremixTemplate), 14, 16));
-
-  dravo->set_enable(1);
-  dravo->set_intensity_level(-5);
-  dravo->set_mode(70000);
-  dravo->set_input_gain(70000);   // 0x11170: the low half 0x1170 is stored
-  dravo->set_output_gain(40000);  // 0x9C40
-  dravo->set_lkfs_gain(-1);
-  const PremixBytes block = Convert();
-  EXPECT_TRUE(WordsAre(block, 0, {1, -5, 70000}));
-  EXPECT_TRUE(HalfWordsAre(block, 12, {0x1170, 0x9C40, 0xFFFF}));
-  EXPECT_TRUE(AllWithin(ChangedBytes(block, kPremixTemplate), 0, 18)) << "the reserved half-word stays CC CC";
 }
 
 TEST_F(PremixTest, NegativeRefHtestStopsEnhance2ButNotThePremixBlock) {
@@ -143,18 +110,6 @@ TEST_F(Enhance2Test, HtestListsFillUpToSevenSlotsAndLimiterHasNone) {
   EXPECT_TRUE(WordsAre(full, 32, Ramp(7, 1)));
   EXPECT_TRUE(WordsAre(full, 60, Ramp(7, 1001)));
   EXPECT_EQ(ChangedBytes(full, *Section().bytes), Bytes(32, 88));
-}
-
-TEST(ConversionStatusTest, InitContextAndStatusTexts) {
-  ConversionContext context;
-  QVRCS_InitContext(context, 44100);
-  EXPECT_EQ(context.sampleRate, 44100u);
-  const std::set<std::string> texts = {
-      QVRCS_StatusText(QVRCS_OK),         QVRCS_StatusText(QVRCS_NOTHING_TO_LOAD),
-      QVRCS_StatusText(QVRCS_ERR_NEGATIVE_REF_HTEST), QVRCS_StatusText(QVRCS_ERR_NO_COEF_TABLE),
-      QVRCS_StatusText(QVRCS_ERR_UNKNOWN_ROOM), QVRCS_StatusText(-5)};
-  EXPECT_EQ(texts.size(), 6u) << "each meaning has its own text";
-  EXPECT_EQ(texts.count(""), 0u);
 }
 
 }  // namespace

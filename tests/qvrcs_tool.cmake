@@ -3,7 +3,8 @@
 find_package(nlohmann_json 3 REQUIRED)
 qvr_add_test(qvrcs_tool_test
   SOURCES ${CMAKE_CURRENT_LIST_DIR}/qvrcs_tool_test.cpp ${CMAKE_CURRENT_LIST_DIR}/e2e_support.cpp
-  LIBS qvrcs_tool_lib nlohmann_json::nlohmann_json)
+  LIBS qvrcs_tool_lib nlohmann_json::nlohmann_json
+  LABELS target_programs)
 target_compile_definitions(qvrcs_tool_test PRIVATE
   QVR_EXAMPLES_DIR="${QVR_EXAMPLES_DIR}"
   QVR_CONFIGURATOR_EXE="$<TARGET_FILE:qvr_configurator>"

@@ -3,22 +3,28 @@
 // The device nodes live in a umockdev testbed; the program runs with the
 // umockdev preload library, which hands each ioctl on those nodes back to
 // this process. Here a GLib main loop answers them through the driver model
-// (sim_model.h) until the program exits. Nodes left out of the simulation
-// are made to fail to open by a small preload library of our own
-// (absent_nodes.cpp), which sits in front of umockdev's.
+// (sim_model.h) until the program exits. A small preload library of our own
+// (preload.cpp), in front of umockdev's, decides every open of a node by the
+// node rules (node_rules.h) and makes the upload buffer allocation fail when
+// asked to.
+#include <fcntl.h>
 #include <glib-unix.h>
 #include <glib.h>
 #include <signal.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <umockdev.h>
+#include <unistd.h>
 
 #include <CLI/CLI.hpp>
+#include <cerrno>
 #include <cstdio>
 #include <cstring>
 #include <string>
 #include <vector>
 
-#include "tools/korva-driver-sim/absent_nodes.h"
+#include "tools/korva-driver-sim/node_rules.h"
+#include "tools/korva-driver-sim/preload.h"
 #include "tools/korva-driver-sim/sim_model.h"
 
 namespace {
@@ -27,12 +33,16 @@ constexpr const char* kPreloadLibrary = "libumockdev-preload.so.0";
 constexpr const char* kDefaultVersion = "KORVA-SIM 1.1.0";
 constexpr const char* kDefaultDescription = "Simulated Korva DSP driver (korva-driver-sim)";
 
-// The absent-nodes library: built next to this executable.
-std::string AbsentNodesLibrary() {
+// Exit status of the simulator's own failures (a bad option, a file it cannot
+// write): never the program's, which has not run.
+constexpr int kUsageStatus = 2;
+
+// The preload library: built next to this executable.
+std::string PreloadLibrary() {
   gchar* self = g_file_read_link("/proc/self/exe", nullptr);
-  if (self == nullptr) return KORVA_SIM_ABSENT_NODES_LIBRARY;
+  if (self == nullptr) return KORVA_SIM_PRELOAD_LIBRARY;
   gchar* dir = g_path_get_dirname(self);
-  gchar* path = g_build_filename(dir, KORVA_SIM_ABSENT_NODES_LIBRARY, nullptr);
+  gchar* path = g_build_filename(dir, KORVA_SIM_PRELOAD_LIBRARY, nullptr);
   std::string library = path;
   g_free(path);
   g_free(dir);
@@ -45,16 +55,139 @@ struct NodeEntry {
   const char* devnode;
   const char* record;
 };
-constexpr NodeEntry kHardwareEntry = {
-    kQvrKorvaHardwareNode,
-    "P: /devices/virtual/sound/card0/hwC0D2\nN: snd/hwC0D2\nE: SUBSYSTEM=sound\n"};
-constexpr NodeEntry kSoftwareEntry = {
-    kQvrKorvaSoftwareNode,
-    "P: /devices/virtual/misc/qvr_korva\nN: qvr_korva\nE: SUBSYSTEM=misc\n"};
+// By index of korva_sim::kNodeNames.
+constexpr NodeEntry kNodeEntries[korva_sim::kNodeCount] = {
+    {kQvrKorvaHardwareNode, "P: /devices/virtual/sound/card0/hwC0D2\nN: snd/hwC0D2\nE: SUBSYSTEM=sound\n"},
+    {kQvrKorvaSoftwareNode, "P: /devices/virtual/misc/qvr_korva\nN: qvr_korva\nE: SUBSYSTEM=misc\n"},
+};
 
 void Complain(const std::string& message) {
   std::fprintf(stderr, "korva-driver-sim: %s\n", message.c_str());
 }
+
+// The node rules, as text: --nodes first, as rules from the start, then each
+// --node in the order given (so that a --node wins over --nodes).
+std::vector<std::string> NodeRuleTexts(const std::string& nodes, const std::vector<std::string>& texts) {
+  std::vector<std::string> all;
+  for (const std::string_view name : korva_sim::kNodeNames) {
+    if (nodes != "both" && nodes != name) all.push_back(std::string(name) + "=absent");
+  }
+  all.insert(all.end(), texts.begin(), texts.end());
+  return all;
+}
+
+// Parses the rules; false with `error` set on a malformed rule or a node
+// whose rules count both opens and time.
+bool ParseNodeRules(const std::vector<std::string>& texts, std::vector<korva_sim::NodeRule>& rules,
+                    std::string& error) {
+  if (texts.size() > korva_sim::kMaxNodeRules) {
+    error = "--node: more than " + std::to_string(korva_sim::kMaxNodeRules) + " rules";
+    return false;
+  }
+  for (const std::string& text : texts) {
+    korva_sim::NodeRule rule;
+    if (!korva_sim::ParseNodeRule(text, rule)) {
+      error = "--node " + text + ": expected hw|sw=present|absent|denied, optionally @N (from the N-th open) "
+              "or @Ts (from T seconds)";
+      return false;
+    }
+    rules.push_back(rule);
+  }
+  for (size_t node = 0; node < korva_sim::kNodeCount; ++node) {
+    bool byOpen = false;
+    bool byTime = false;
+    for (const korva_sim::NodeRule& rule : rules) {
+      byOpen = byOpen || (rule.node == node && rule.start == korva_sim::RuleStart::kOpen);
+      byTime = byTime || (rule.node == node && rule.start == korva_sim::RuleStart::kTime);
+    }
+    if (byOpen && byTime) {
+      error = "--node " + std::string(korva_sim::kNodeNames[node]) +
+              ": rules of one node start either by opens (@N) or by time (@Ts), not both";
+      return false;
+    }
+  }
+  return true;
+}
+
+// Whether any open of `node` can reach the testbed: a rule makes it present,
+// or it is present before its first rule (node_rules.h).
+bool EverPresent(const std::vector<korva_sim::NodeRule>& rules, size_t node) {
+  bool coversStart = false;
+  for (const korva_sim::NodeRule& rule : rules) {
+    if (rule.node != node) continue;
+    if (rule.state == korva_sim::NodeState::kPresent) return true;
+    coversStart = coversStart || rule.start == korva_sim::RuleStart::kAlways ||
+                  (rule.start == korva_sim::RuleStart::kOpen && rule.from == 1) ||
+                  (rule.start == korva_sim::RuleStart::kTime && rule.from == 0);
+  }
+  return !coversStart;
+}
+
+// The --dump-cache file, made ready before the run, so that a path it cannot
+// be written to stops the simulator before the program runs. A regular file
+// (or a new one) is written to a temporary file beside it and renamed over
+// it at the end, so that it is never left half-written; anything else that
+// exists (a device, a pipe: /dev/stdout) is written directly.
+class OutputFile {
+ public:
+  ~OutputFile() {
+    if (fd_ >= 0) close(fd_);
+    if (!temp_.empty()) unlink(temp_.c_str());
+  }
+
+  bool Open(const std::string& path, std::string& error) {
+    path_ = path;
+    struct stat info {};
+    const bool exists = stat(path.c_str(), &info) == 0;
+    if (exists && S_ISDIR(info.st_mode)) {
+      error = "cannot write " + path + ": it is a directory";
+      return false;
+    }
+    if (exists && !S_ISREG(info.st_mode)) {
+      fd_ = open(path.c_str(), O_WRONLY | O_CLOEXEC);
+    } else {
+      std::string temp = path + ".XXXXXX";
+      fd_ = mkstemp(temp.data());
+      if (fd_ >= 0) {
+        temp_ = temp;
+        const mode_t mask = umask(0);
+        umask(mask);
+        fchmod(fd_, exists ? (info.st_mode & 07777) : (0666 & ~mask));
+      }
+    }
+    if (fd_ < 0) {
+      error = "cannot write " + path + ": " + std::strerror(errno);
+      return false;
+    }
+    return true;
+  }
+
+  bool Commit(const std::vector<uint8_t>& data, std::string& error) {
+    size_t done = 0;
+    while (done < data.size()) {
+      const ssize_t n = write(fd_, data.data() + done, data.size() - done);
+      if (n < 0 && errno == EINTR) continue;
+      if (n <= 0) {
+        error = "cannot write " + path_ + ": " + std::strerror(n < 0 ? errno : EIO);
+        return false;
+      }
+      done += static_cast<size_t>(n);
+    }
+    const int closed = close(fd_);
+    fd_ = -1;
+    if (closed != 0 || (!temp_.empty() && rename(temp_.c_str(), path_.c_str()) != 0)) {
+      error = "cannot write " + path_ + ": " + std::strerror(errno);
+      return false;
+    }
+    temp_.clear();
+    return true;
+  }
+
+ private:
+  std::string path_;
+  std::string temp_;  // empty: written directly, or already renamed
+  int fd_ = -1;
+};
 
 struct ChildState {
   GPid pid = 0;
@@ -145,8 +278,15 @@ int main(int argc, char** argv) {
 
   CLI::App app{"Runs PROGRAM against simulated Korva driver nodes and records every request.",
                "korva-driver-sim"};
-  app.footer("Run as: korva-driver-sim [OPTIONS] -- PROGRAM [ARG...]\nThe program's output and exit status pass through unchanged.");
+  app.footer(
+      "Run as: korva-driver-sim [OPTIONS] -- PROGRAM [ARG...]\n"
+      "The program's output and exit status pass through unchanged. The simulator's own failures "
+      "(a bad option, a capture folder or cache file it cannot write) exit with 2 before the "
+      "program runs; a program that cannot be started, with 127.");
+  app.set_version_flag("--version", std::string("korva-driver-sim ") + KORVA_SIM_VERSION);
   std::string nodes = "both";
+  std::vector<std::string> nodeTexts;
+  uint64_t failAlloc = 0;
   korva_sim::DriverConfig config;
   config.dspVersion = kDefaultVersion;
   config.dspDescription = kDefaultDescription;
@@ -154,9 +294,22 @@ int main(int argc, char** argv) {
   bool summary = false;
   std::string dumpCache;
   app.add_option("--nodes", nodes, "which of " + std::string(kQvrKorvaHardwareNode) + " (hw) and " +
-                                        kQvrKorvaSoftwareNode + " (sw) exist")
+                                        kQvrKorvaSoftwareNode + " (sw) exist for the whole run")
       ->check(CLI::IsMember({"hw", "sw", "both", "none"}))
       ->capture_default_str();
+  app.add_option("--node", nodeTexts,
+                 "NODE=STATE[@N|@Ts]: NODE (hw or sw) is present, absent (open fails with ENOENT) or "
+                 "denied (EACCES) from its N-th open, or from T seconds of the program's own clock "
+                 "(so faketime speeds it up too), or throughout. Repeatable, and over --nodes; "
+                 "before its first rule a node is absent if that rule makes it present, else present")
+      ->type_name("NODE=STATE[@N|@Ts]")
+      ->allow_extra_args(false)
+      ->multi_option_policy(CLI::MultiOptionPolicy::TakeAll);
+  app.add_option("--fail-alloc", failAlloc,
+                 "the N-th allocation of an upload buffer (" + std::to_string(sizeof(qvr_korva_upload)) +
+                     " bytes) in the program returns null with ENOMEM")
+      ->type_name("N")
+      ->check(CLI::PositiveNumber);
   app.add_option("--dsp-version", config.dspVersion, "reply text of the version query")
       ->capture_default_str();
   app.add_option("--dsp-description", config.dspDescription, "reply text of the description query")
@@ -164,60 +317,71 @@ int main(int argc, char** argv) {
   app.add_option("--answer", answerTexts,
                  "REQUEST[#N]=VALUE: answer VALUE instead of 0 to REQUEST (its N-th occurrence, from "
                  "1, or every one); a negative VALUE is answered as -1 with errno set to its "
-                 "magnitude. A refused request changes nothing in the driver.")
+                 "magnitude. A request answered as the configurator takes for a refusal changes "
+                 "nothing in the driver. A rule that never met its request is reported after the run.")
       ->type_name("REQUEST[#N]=VALUE")
       ->allow_extra_args(false)
       ->multi_option_policy(CLI::MultiOptionPolicy::TakeAll);
-  app.add_option("--capture", config.captureDir,
-                 "record every request in DIR/requests.jsonl and DIR/NNNN-REQUEST.bin")
+  CLI::Option* capture = app.add_option("--capture", config.captureDir,
+                 "record every request in DIR/requests.jsonl and DIR/NNNN-REQUEST.bin; DIR must be "
+                 "empty or new")
       ->type_name("DIR");
-  app.add_flag("--summary", summary, "print what the driver holds after the run");
+  app.add_flag("--force", config.clearCapture, "clear an earlier capture from the --capture folder first")
+      ->needs(capture);
+  app.add_flag("--summary", summary, "print what happened and what the driver holds after the run");
   app.add_option("--dump-cache", dumpCache, "write the final cache to FILE")->type_name("FILE");
   try {
     app.parse(split, argv);
   } catch (const CLI::ParseError& e) {
-    return app.exit(e);
+    if (e.get_exit_code() == static_cast<int>(CLI::ExitCodes::Success)) return app.exit(e);
+    Complain(std::string(e.what()) + " (see korva-driver-sim --help)");
+    return kUsageStatus;
   }
   if (split + 1 >= argc) {
     Complain("no program given; usage: korva-driver-sim [OPTIONS] -- PROGRAM [ARG...]");
-    return 2;
+    return kUsageStatus;
   }
   for (const std::string& text : answerTexts) {
     korva_sim::AnswerRule rule;
     std::string error;
     if (!korva_sim::ParseAnswerRule(text, rule, error)) {
       Complain(error);
-      return 2;
+      return kUsageStatus;
     }
     config.answers.push_back(rule);
   }
+  const std::vector<std::string> ruleTexts = NodeRuleTexts(nodes, nodeTexts);
+  std::vector<korva_sim::NodeRule> nodeRules;
+  std::string error;
+  if (!ParseNodeRules(ruleTexts, nodeRules, error)) {
+    Complain(error);
+    return kUsageStatus;
+  }
+  OutputFile cacheFile;
+  if (!dumpCache.empty() && !cacheFile.Open(dumpCache, error)) {
+    Complain(error);
+    return kUsageStatus;
+  }
 
   korva_sim::Driver driver(config);
-  std::string error;
   if (!driver.Start(error)) {
     Complain(error);
-    return 2;
+    return kUsageStatus;
   }
 
-  std::vector<NodeEntry> entries;
-  std::string absent;
-  for (const auto& [entry, present] : {std::pair{kHardwareEntry, nodes == "hw" || nodes == "both"},
-                                       std::pair{kSoftwareEntry, nodes == "sw" || nodes == "both"}}) {
-    if (present) {
-      entries.push_back(entry);
-    } else {
-      absent += (absent.empty() ? "" : ":") + std::string(entry.devnode);
-    }
-  }
-  const std::string absentLibrary = AbsentNodesLibrary();
-  if (!g_file_test(absentLibrary.c_str(), G_FILE_TEST_EXISTS)) {
-    Complain("missing " + absentLibrary);
-    return 2;
+  const std::string preloadLibrary = PreloadLibrary();
+  if (!g_file_test(preloadLibrary.c_str(), G_FILE_TEST_EXISTS)) {
+    Complain("missing " + preloadLibrary);
+    return kUsageStatus;
   }
   UMockdevTestbed* testbed = umockdev_testbed_new();
   UMockdevIoctlBase* handler = umockdev_ioctl_base_new();
   g_signal_connect(handler, "handle-ioctl", G_CALLBACK(OnIoctl), &driver);
-  for (const NodeEntry& entry : entries) {
+  // A node that is never present stays out of the testbed: the preload
+  // library refuses every open of it.
+  for (size_t node = 0; node < korva_sim::kNodeCount; ++node) {
+    if (!EverPresent(nodeRules, node)) continue;
+    const NodeEntry& entry = kNodeEntries[node];
     GError* gerror = nullptr;
     if (!umockdev_testbed_add_from_string(testbed, entry.record, &gerror) ||
         !umockdev_testbed_attach_ioctl(testbed, entry.devnode, handler, &gerror)) {
@@ -225,19 +389,28 @@ int main(int argc, char** argv) {
       g_error_free(gerror);
       g_object_unref(handler);
       g_object_unref(testbed);
-      return 2;
+      return kUsageStatus;
     }
   }
 
+  std::string ruleList;
+  for (const std::string& text : ruleTexts) ruleList += (ruleList.empty() ? "" : ";") + text;
   gchar* root = umockdev_testbed_get_root_dir(testbed);
+  const std::string eventsPath = std::string(root) + "/korva-sim-events";
   gchar** env = g_get_environ();
-  std::string preload = absentLibrary + ":" + kPreloadLibrary;
+  std::string preload = preloadLibrary + ":" + kPreloadLibrary;
   if (const gchar* outer = g_environ_getenv(env, "LD_PRELOAD"); outer != nullptr && *outer != '\0') {
     preload += std::string(":") + outer;
   }
   env = g_environ_setenv(env, "LD_PRELOAD", preload.c_str(), TRUE);
   env = g_environ_setenv(env, "UMOCKDEV_DIR", root, TRUE);
-  env = g_environ_setenv(env, KORVA_SIM_ABSENT_NODES_VARIABLE, absent.c_str(), TRUE);
+  env = g_environ_setenv(env, KORVA_SIM_NODE_RULES_VARIABLE, ruleList.c_str(), TRUE);
+  env = g_environ_setenv(env, KORVA_SIM_EVENTS_VARIABLE, eventsPath.c_str(), TRUE);
+  if (failAlloc != 0) {
+    env = g_environ_setenv(env, KORVA_SIM_FAIL_ALLOC_VARIABLE, std::to_string(failAlloc).c_str(), TRUE);
+  } else {
+    env = g_environ_unsetenv(env, KORVA_SIM_FAIL_ALLOC_VARIABLE);
+  }
   g_free(root);
 
   GPid pid = 0;
@@ -262,13 +435,24 @@ int main(int argc, char** argv) {
     status = PassOn(child.status);
   }
 
-  if (spawned && summary) {
-    std::fflush(stdout);
-    driver.PrintSummary(stdout);
-  }
-  if (spawned && !dumpCache.empty() && !driver.DumpCache(dumpCache, error)) {
-    Complain(error);
-    if (status == 0) status = 2;
+  // After the run the simulator reports, but never changes the program's
+  // exit status.
+  if (spawned) {
+    korva_sim::Injections injections;
+    if (!korva_sim::ReadInjections(eventsPath, injections, error)) Complain(error);
+    if (summary) {
+      std::fflush(stdout);
+      driver.PrintSummary(stdout, injections);
+      std::fflush(stdout);
+    }
+    if (failAlloc != 0 && injections.failedAllocations.empty()) {
+      Complain("--fail-alloc " + std::to_string(failAlloc) + " never applied: the program made fewer upload "
+               "buffer allocations");
+    }
+    for (const korva_sim::AnswerRule& rule : driver.UnmatchedAnswers()) {
+      Complain("--answer " + rule.text + " never applied: the program sent fewer " + rule.request + " requests");
+    }
+    if (!dumpCache.empty() && !cacheFile.Commit(driver.cache(), error)) Complain(error);
   }
   g_object_unref(handler);
   g_object_unref(testbed);

@@ -6,7 +6,10 @@
 #include <cerrno>
 #include <climits>
 #include <cstring>
+#include <filesystem>
+#include <fstream>
 #include <nlohmann/json.hpp>
+#include <sstream>
 
 namespace korva_sim {
 namespace {
@@ -57,6 +60,52 @@ bool ParseInteger(const std::string& text, int64_t low, int64_t high, int64_t& v
   return true;
 }
 
+// A file an earlier capture left: requests.jsonl or NNNN-REQUEST.bin.
+bool IsCaptureFile(const std::string& name) {
+  if (name == "requests.jsonl") return true;
+  const size_t dash = name.find('-');
+  if (dash < 4 || dash == std::string::npos || name.size() < dash + 5 ||
+      name.compare(name.size() - 4, 4, ".bin") != 0) {
+    return false;
+  }
+  const auto isDigit = [](char c) { return c >= '0' && c <= '9'; };
+  const auto isNameChar = [](char c) { return (c >= 'A' && c <= 'Z') || c == '_'; };
+  return std::all_of(name.begin(), name.begin() + static_cast<long>(dash), isDigit) &&
+         std::all_of(name.begin() + static_cast<long>(dash) + 1, name.end() - 4, isNameChar);
+}
+
+// Makes `dir` empty for a new capture: an earlier capture is removed when
+// `clear` is set; anything else is refused.
+bool PrepareCaptureDir(const std::string& dir, bool clear, std::string& error) {
+  namespace fs = std::filesystem;
+  std::vector<fs::path> earlier;
+  std::error_code ec;
+  for (fs::directory_iterator it(dir, ec), end; !ec && it != end; it.increment(ec)) {
+    const std::string name = it->path().filename().string();
+    if (!clear) {
+      error = "capture folder " + dir + " is not empty (it holds " + name +
+              "): give an empty one, or --force to clear an earlier capture";
+      return false;
+    }
+    if (!IsCaptureFile(name) || !it->is_regular_file()) {
+      error = "capture folder " + dir + " holds " + name + ", which no capture wrote: not cleared";
+      return false;
+    }
+    earlier.push_back(it->path());
+  }
+  if (ec) {
+    error = "cannot read " + dir + ": " + ec.message();
+    return false;
+  }
+  for (const fs::path& file : earlier) {
+    if (!fs::remove(file, ec)) {
+      error = "cannot remove " + file.string() + ": " + ec.message();
+      return false;
+    }
+  }
+  return true;
+}
+
 }  // namespace
 
 bool ParseAnswerRule(const std::string& text, AnswerRule& rule, std::string& error) {
@@ -88,20 +137,45 @@ bool ParseAnswerRule(const std::string& text, AnswerRule& rule, std::string& err
     error = "answer rule '" + text + "': VALUE must be a 32-bit integer";
     return false;
   }
-  rule = AnswerRule{request, occurrence, value};
+  rule = AnswerRule{request, occurrence, value, text};
   return true;
 }
 
-std::optional<int64_t> FindAnswer(const std::vector<AnswerRule>& rules,
-                                  const std::string& request, uint32_t occurrence) {
-  std::optional<int64_t> every;
-  std::optional<int64_t> exact;
+const AnswerRule* FindAnswer(const std::vector<AnswerRule>& rules, const std::string& request,
+                             uint32_t occurrence) {
+  const AnswerRule* every = nullptr;
+  const AnswerRule* exact = nullptr;
   for (const AnswerRule& rule : rules) {
     if (rule.request != request) continue;
-    if (rule.occurrence == 0) every = rule.value;
-    if (rule.occurrence == occurrence) exact = rule.value;
+    if (rule.occurrence == 0) every = &rule;
+    if (rule.occurrence == occurrence) exact = &rule;
   }
-  return exact ? exact : every;
+  return exact != nullptr ? exact : every;
+}
+
+bool ReadInjections(const std::string& path, Injections& injections, std::string& error) {
+  injections = Injections{};
+  injections.nodes.resize(kNodeCount);
+  std::ifstream events(path);
+  std::string line;
+  while (std::getline(events, line)) {
+    std::istringstream fields(line);
+    std::string word;
+    uint64_t first = 0;
+    int second = 0;
+    fields >> word >> first;
+    if (word == "open" && (fields >> second) && first < kNodeCount) {
+      Injections::Node& node = injections.nodes[first];
+      ++node.opens;
+      if (second != 0) ++node.failures[second];
+    } else if (word == "alloc" && fields) {
+      injections.failedAllocations.push_back(first);
+    } else {
+      error = "unreadable line in " + path + ": " + line;
+      return false;
+    }
+  }
+  return true;
 }
 
 Driver::Driver(DriverConfig config) : config_(std::move(config)) {}
@@ -116,6 +190,7 @@ bool Driver::Start(std::string& error) {
     error = "cannot create " + config_.captureDir + ": " + std::strerror(errno);
     return false;
   }
+  if (!PrepareCaptureDir(config_.captureDir, config_.clearCapture, error)) return false;
   const std::string path = config_.captureDir + "/requests.jsonl";
   journal_ = std::fopen(path.c_str(), "w");
   if (journal_ == nullptr) {
@@ -220,17 +295,18 @@ Outcome Driver::Handle(const std::string& node, uint32_t code, const ArgumentAcc
 
   Outcome out;
   const uint32_t occurrence = ++occurrences_[name];
-  const std::optional<int64_t> forced =
-      known != nullptr ? FindAnswer(config_.answers, name, occurrence) : std::nullopt;
-  if (forced) {
-    out.answer = *forced < 0 ? -1 : *forced;
-    out.error = *forced < 0 ? static_cast<int>(-*forced) : 0;
+  const AnswerRule* forced = known != nullptr ? FindAnswer(config_.answers, name, occurrence) : nullptr;
+  if (forced != nullptr) {
+    ++forcedAnswers_;
+    out.answer = forced->value < 0 ? -1 : forced->value;
+    out.error = forced->value < 0 ? static_cast<int>(-forced->value) : 0;
   } else if (in.naturalError != 0) {
     out.answer = -1;
     out.error = in.naturalError;
   }
-  // A request the driver refuses, or is told to refuse, changes nothing.
-  if (in.naturalError == 0 && out.answer >= 0) Apply(name, in);
+  // A request the driver refuses, or is told to answer as the configurator
+  // takes for a refusal, changes nothing.
+  if (in.naturalError == 0 && !qvr_answer_refused(code, out.answer)) Apply(name, in);
   Record(node, name, code, out, in.bytes);
   return out;
 }
@@ -256,8 +332,29 @@ void Driver::Record(const std::string& node, const std::string& name, uint32_t c
   std::fflush(journal_);
 }
 
-void Driver::PrintSummary(FILE* out) const {
+void Driver::PrintSummary(FILE* out, const Injections& injections) const {
   std::fprintf(out, "korva-driver-sim summary\n");
+  uint32_t failedOpens = 0;
+  for (size_t i = 0; i < injections.nodes.size() && i < kNodeCount; ++i) {
+    const Injections::Node& node = injections.nodes[i];
+    const char* path = i == 0 ? kQvrKorvaHardwareNode : kQvrKorvaSoftwareNode;
+    std::fprintf(out, "node %s: %u open%s", path, node.opens, node.opens == 1 ? "" : "s");
+    std::string failures;
+    for (const auto& [error, count] : node.failures) {
+      failures += (failures.empty() ? "" : ", ") + std::to_string(count) + " failed with errno " +
+                  std::to_string(error);
+      failedOpens += count;
+    }
+    std::fprintf(out, "%s%s\n", failures.empty() ? "" : ", ", failures.c_str());
+  }
+  const size_t failedAllocations = injections.failedAllocations.size();
+  std::fprintf(out, "faults injected: %zu (failed opens %u, failed allocations %zu, forced answers %u)\n",
+               failedOpens + failedAllocations + forcedAnswers_, failedOpens, failedAllocations,
+               forcedAnswers_);
+  for (const uint64_t n : injections.failedAllocations) {
+    std::fprintf(out, "upload buffer allocation %llu: failed with errno %d\n", static_cast<unsigned long long>(n),
+                 ENOMEM);
+  }
   std::fprintf(out, "requests: %u\n", seq_);
   std::fprintf(out, "cache size: %zu\n", cache_.size());
   if (volume_) {
@@ -279,19 +376,14 @@ void Driver::PrintSummary(FILE* out) const {
   }
 }
 
-bool Driver::DumpCache(const std::string& path, std::string& error) const {
-  FILE* f = std::fopen(path.c_str(), "wb");
-  if (f == nullptr) {
-    error = "cannot write " + path + ": " + std::strerror(errno);
-    return false;
+std::vector<AnswerRule> Driver::UnmatchedAnswers() const {
+  std::vector<AnswerRule> unmatched;
+  for (const AnswerRule& rule : config_.answers) {
+    const auto seen = occurrences_.find(rule.request);
+    const uint32_t arrived = seen != occurrences_.end() ? seen->second : 0;
+    if (arrived < std::max<uint32_t>(rule.occurrence, 1)) unmatched.push_back(rule);
   }
-  const bool written = cache_.empty() || std::fwrite(cache_.data(), 1, cache_.size(), f) == cache_.size();
-  const bool closed = std::fclose(f) == 0;
-  if (!written || !closed) {
-    error = "cannot write " + path;
-    return false;
-  }
-  return true;
+  return unmatched;
 }
 
 }  // namespace korva_sim

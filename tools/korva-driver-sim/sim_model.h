@@ -13,6 +13,7 @@
 #include <vector>
 
 #include "configurator/korva_driver.h"
+#include "tools/korva-driver-sim/node_rules.h"
 
 namespace korva_sim {
 
@@ -25,17 +26,18 @@ struct AnswerRule {
   std::string request;
   uint32_t occurrence = 0;
   int64_t value = 0;
+  std::string text;  // as given
 };
 
 // Parses one rule; returns false and sets `error` on a malformed rule or an
 // unknown request name.
 bool ParseAnswerRule(const std::string& text, AnswerRule& rule, std::string& error);
 
-// The answer the rules give to the `occurrence`-th `request`: a rule for that
-// exact occurrence wins over one for every occurrence; the later of two equal
-// rules wins. Empty when no rule applies.
-std::optional<int64_t> FindAnswer(const std::vector<AnswerRule>& rules,
-                                  const std::string& request, uint32_t occurrence);
+// The rule that answers the `occurrence`-th `request`: a rule for that exact
+// occurrence wins over one for every occurrence; the later of two equal rules
+// wins. Null when no rule applies.
+const AnswerRule* FindAnswer(const std::vector<AnswerRule>& rules, const std::string& request,
+                             uint32_t occurrence);
 
 // One request's outcome, as the client sees it.
 struct Outcome {
@@ -64,7 +66,22 @@ struct DriverConfig {
   std::string dspDescription;
   std::vector<AnswerRule> answers;
   std::string captureDir;  // empty: nothing recorded
+  bool clearCapture = false;  // remove an earlier capture found in captureDir
 };
+
+// What the preload library did inside the program (its events file).
+struct Injections {
+  struct Node {
+    uint32_t opens = 0;
+    std::map<int, uint32_t> failures;  // errno -> opens made to fail with it
+  };
+  std::vector<Node> nodes;                  // by index of kNodeNames
+  std::vector<uint64_t> failedAllocations;  // numbers of the upload buffer allocations made to fail
+};
+
+// Reads the preload's events file; a missing file means nothing happened.
+// False with `error` set on a line it does not know.
+bool ReadInjections(const std::string& path, Injections& injections, std::string& error);
 
 class Driver {
  public:
@@ -74,17 +91,24 @@ class Driver {
   Driver& operator=(const Driver&) = delete;
 
   // Opens the capture (when one was asked for). False with `error` set when
-  // the capture directory cannot be written.
+  // the capture directory cannot be written, or holds files already: an
+  // earlier capture (its requests.jsonl and NNNN-REQUEST.bin files) is
+  // removed first when `clearCapture` is set; anything else stays, and is
+  // refused.
   bool Start(std::string& error);
 
   // Handles one request that arrived on `node`.
   Outcome Handle(const std::string& node, uint32_t code, const ArgumentAccess& arg);
 
-  // What the driver holds: the cache size, the volume controls and, per cache
+  // What happened and what the driver holds: the opens of each node and the
+  // faults injected, the cache size, the volume controls and, per cache
   // block, its descriptor, whether an upload arrived, its device word and a
   // SHA-256 digest of the premix and postmix areas.
-  void PrintSummary(FILE* out) const;
-  bool DumpCache(const std::string& path, std::string& error) const;
+  void PrintSummary(FILE* out, const Injections& injections) const;
+
+  // The answer rules that never met their request: "REQUEST#N" whose N-th
+  // REQUEST never arrived, or "REQUEST" that never arrived at all.
+  std::vector<AnswerRule> UnmatchedAnswers() const;
 
   const std::vector<uint8_t>& cache() const { return cache_; }
   const std::map<uint32_t, BlockState>& blocks() const { return blocks_; }
@@ -111,6 +135,7 @@ class Driver {
   std::optional<uint32_t> selected_;  // block the next upload goes to
   std::optional<uint32_t> volume_;
   std::map<std::string, uint32_t> occurrences_;
+  uint32_t forcedAnswers_ = 0;  // requests answered by an --answer rule
   uint32_t seq_ = 0;
   FILE* journal_ = nullptr;
 };

@@ -8,15 +8,11 @@
 
 namespace qvrcs_tool {
 
-using com::qvr::pb::coef::Aeq;
-using com::qvr::pb::coef::CoefTable;
-using com::qvr::pb::model::headphoneEq;
-using com::qvr::pb::model::listeningModel;
-using com::qvr::pb::model::roomModel;
+namespace model = com::qvr::pb::model;
 using qvrcs::SectionId;
 using qvrcs::TraceEvent;
 using qvrcs::TraceKind;
-using Tables = google::protobuf::RepeatedPtrField<CoefTable>;
+using Tables = google::protobuf::RepeatedPtrField<com::qvr::pb::coef::CoefTable>;
 
 namespace {
 
@@ -49,7 +45,7 @@ std::string RatesAndSizes(const Tables& tables, bool coeff16) {
   if (tables.empty()) return "it has no tables";
   std::string text = "its tables: ";
   for (int i = 0; i < tables.size(); ++i) {
-    const CoefTable& t = tables.Get(i);
+    const auto& t = tables.Get(i);
     if (i > 0) text += ", ";
     text += std::to_string(t.samplerate()) + " Hz with " +
             std::to_string(coeff16 ? t.coeff_16_size() : t.coeff_32_size()) + " values";
@@ -114,7 +110,7 @@ void DescribeRoom(const TraceEvent& e, LocatorOutcome& o) {
     o.what = "no listening model holds room " + Quote(o.uuid);
     return;
   }
-  const auto& room = static_cast<const roomModel&>(*e.record);
+  const auto& room = static_cast<const model::roomModel&>(*e.record);
   const std::string name = RecordName("rooms", e, room.uuid());
   o.firstRecord = name;
   if (e.table.index < 0) {
@@ -165,7 +161,7 @@ void DescribeHeadphoneEq(const TraceEvent& e, const std::vector<const TraceEvent
     o.what = "no listening model holds headphone EQ " + Quote(o.uuid) + ": nothing loaded";
     return;
   }
-  const auto& eq = static_cast<const headphoneEq&>(*e.record);
+  const auto& eq = static_cast<const model::headphoneEq&>(*e.record);
   const std::string name = RecordName("headphones", e, eq.uuid());
   o.firstRecord = name;
   if (e.table.index < 0) {
@@ -204,19 +200,15 @@ void DescribeAeq(const TraceEvent& e, const std::vector<const TraceEvent*>& part
     o.what = "no listening model holds AEQ " + Quote(o.uuid);
     return;
   }
-  const auto& aeq = static_cast<const Aeq&>(*e.record);
+  const auto& aeq = static_cast<const com::qvr::pb::coef::Aeq&>(*e.record);
   const std::string name = "AEQ " + RecordName("aeqs", e, aeq.uuid());
   o.firstRecord = RecordName("aeqs", e, aeq.uuid());
-  if (e.usableBanks < static_cast<int>(qvrcs::kAeqChannels)) {
-    o.what = name + " has " + std::to_string(e.banks) + " filter banks" +
-             (e.filtered ? ", " + std::to_string(e.usableBanks) + " with a " + kRate + " IIR table" : "") +
-             ": two are needed";
-    return;
-  }
+  int channel = -1;
   std::string text = name + ":";
   for (const TraceEvent* part : parts) {
     if (part->kind == TraceKind::kChannel) {
-      text += (part->channel ? "," : "") + std::string(" channel ") + std::to_string(part->channel) + " from bank " +
+      channel = part->channel;
+      text += (channel ? "," : "") + std::string(" channel ") + std::to_string(channel) + " from bank " +
               std::to_string(part->entry);
       if (part->table.index < 0) {
         text += " which has no " + kRate + " IIR table (" +
@@ -227,23 +219,26 @@ void DescribeAeq(const TraceEvent& e, const std::vector<const TraceEvent*>& part
         o.sampleRate = part->table.sampleRate;
       }
     } else if (part->kind == TraceKind::kRun) {
-      const int channel = part->offset >= qvrcs::kAeqRecord + qvrcs::kAeqChannel1 ? 1 : 0;
       const std::string over = RunOverrun(name + " channel " + std::to_string(channel), *part);
       if (!over.empty()) o.overruns.push_back(over);
       o.end = std::max(o.end, part->end);
     }
   }
+  if (channel < 0) {
+    // The loader gave up before choosing its channels' banks.
+    text = name + " has " + std::to_string(e.banks) + " filter banks" +
+           (e.filtered ? ", " + std::to_string(e.usableBanks) + " with a " + kRate + " IIR table" : "") +
+           ": two are needed";
+  }
   o.what = text;
 }
 
-// The last locator whose record was written (rooms, headphone EQ) or the
-// first (AEQ), as the section's source.
-void FromLocators(const std::vector<LocatorOutcome>& walk, bool firstWins, SectionOrigin& origin) {
+// The last locator whose record was written, as the section's source: a
+// failing locator writes no record of its own over it.
+void FromLocators(const std::vector<LocatorOutcome>& walk, SectionOrigin& origin) {
   const LocatorOutcome* chosen = nullptr;
   for (const LocatorOutcome& o : walk) {
-    if (o.status != QVRCS_OK) continue;
-    chosen = &o;
-    if (firstWins) break;
+    if (o.status == QVRCS_OK) chosen = &o;
   }
   if (chosen == nullptr) return;
   origin.fromFile = true;
@@ -252,17 +247,14 @@ void FromLocators(const std::vector<LocatorOutcome>& walk, bool firstWins, Secti
   origin.end = chosen->end;
 }
 
-void FromRun(const TraceEvent& run, SectionOrigin& origin,
-             std::vector<std::pair<SectionId, std::string>>* overruns) {
+void FromRun(const TraceEvent& run, SectionOrigin& origin, std::vector<std::pair<SectionId, std::string>>& overruns) {
   const qvrcs::SectionInfo& section = qvrcs::Section(run.section);
   origin.fromFile = true;
   origin.source = std::string(section.source) + "[" + std::to_string(run.table.index) + "]";
   origin.end = run.end;
   origin.detail = kRate + ", " + std::to_string(run.count) + " values, ends at byte " + std::to_string(run.end);
-  if (overruns != nullptr) {
-    const std::string over = RunOverrun(origin.source, run);
-    if (!over.empty()) overruns->emplace_back(run.section, over);
-  }
+  const std::string over = RunOverrun(origin.source, run);
+  if (!over.empty()) overruns.emplace_back(run.section, over);
 }
 
 bool IsLocatorSection(SectionId id) {
@@ -290,14 +282,14 @@ auto WalkOf(A& a, SectionId id) -> decltype(&a.aeqs) {
 // Where else in the file a uuid that the converter could not find sits.
 std::string ElsewhereHint(const Qvrcs& message, const KorvaSettings& settings, const std::string& uuid) {
   for (int m = 0; m < message.model_size(); ++m) {
-    const listeningModel& model = message.model(m);
+    const model::listeningModel& listening = message.model(m);
     auto holds = [&](const auto& records) {
       for (const auto& r : records) {
         if (QVRCS_UuidEqualsIgnoreCase(r.uuid(), uuid)) return true;
       }
       return false;
     };
-    if (holds(model.rooms()) || holds(model.headphones()) || holds(model.aeqs())) {
+    if (holds(listening.rooms()) || holds(listening.headphones()) || holds(listening.aeqs())) {
       return " (it is in the file's top-level model[" + std::to_string(m) +
              "], which the configurator does not search: only postmix.model is)";
     }
@@ -386,15 +378,12 @@ Analysis Analyse(const Conversion& conversion) {
   }
   for (SectionId id : {SectionId::kMultichRoom, SectionId::kFrontRoom, SectionId::kWideRoom, SectionId::kHeadphoneEq,
                        SectionId::kAeq}) {
-    FromLocators(*WalkOf(a, id), id == SectionId::kAeq, a.sections[IndexOf(id)]);
+    FromLocators(*WalkOf(a, id), a.sections[IndexOf(id)]);
   }
   for (const qvrcs::SectionInfo& s : qvrcs::kPostmixSections) {
     const TraceEvent* run = lastRun[IndexOf(s.id)];
     if (run == nullptr) continue;
-    // The high-pass sections take one table that fits; the others every
-    // table for the rate, unbounded: only those can run over.
-    const bool unbounded = s.id != SectionId::kHighPassCoefs && s.id != SectionId::kVelmoHighPassCoefs;
-    FromRun(*run, a.sections[IndexOf(s.id)], unbounded ? &a.overruns : nullptr);
+    FromRun(*run, a.sections[IndexOf(s.id)], a.overruns);
   }
   return a;
 }

@@ -20,6 +20,7 @@
 #include "tools/qvrcs/explain.h"
 #include "tools/qvrcs/inputs.h"
 #include "tools/qvrcs/io.h"
+#include "tools/qvrcs/report.h"
 #include "tools/qvrcs/section_json.h"
 #include "tools/qvrcs/tool.h"
 #include "tools/qvrcs/tuning.h"
@@ -611,6 +612,9 @@ int RunCommands(const std::vector<std::string>& args, Streams& s) {
   encodeCmd->add_option("--format", encode.tuning.format, "the input's form: auto, text or json");
   encodeCmd->add_flag("--json", encode.json, "one JSON document");
 
+  FilterCommands filters;
+  AddFilterCommands(app, filters);
+
   // Set last: subcommands created after it would repeat it in their help.
   app.footer(kExitStatusText);
 
@@ -642,6 +646,7 @@ int RunCommands(const std::vector<std::string>& args, Streams& s) {
   if (diffCmd->parsed()) return DiffCommand(diff, s);
   if (convertCmd->parsed()) return ConvertCommand(convert, s);
   if (dumpCmd->parsed()) return DumpCommand(dump, s);
+  if (const int status = RunFilterCommands(filters, s.out, s.err); status >= 0) return status;
   return EncodeCommand(encode, s);
 }
 

@@ -2,6 +2,7 @@
 
 #include <google/protobuf/stubs/logging.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <cerrno>
 #include <cstdio>
@@ -34,6 +35,42 @@ void QuietProtobufLog() { google::protobuf::SetLogHandler(nullptr); }
 
 bool ReadBytes(const std::string& path, std::string& bytes, std::string& error) {
   return ReadRegularFile(path, bytes, error);
+}
+
+bool ReadInput(const std::string& path, InputKind kind, Input& input, std::string& error) {
+  input = Input{};
+  input.path = path;
+  std::string bytes;
+  if (!ReadBytes(path, bytes, error)) return false;
+
+  const bool blockSized = bytes.size() == qvr::kCacheBlockSize;
+  if (kind == InputKind::kPayload) {
+    if (!blockSized) {
+      error = "not a payload: " + std::to_string(bytes.size()) + " bytes, a cache block payload has " +
+              std::to_string(qvr::kCacheBlockSize);
+      return false;
+    }
+  } else {
+    auto reading = std::make_unique<qvr::TuningReading>();
+    QuietProtobufLog();
+    if (qvr::ParseTuningBytes(bytes, reading->message)) {
+      input.reading = std::move(reading);
+      input.tuning = &input.reading->message;
+      return true;
+    }
+    if (kind == InputKind::kTuning || !blockSized) {
+      error = bytes.empty() ? "empty file"
+                            : "does not parse as a tuning file (truncated, or not a tuning file)";
+      if (!blockSized && kind == InputKind::kAuto && !bytes.empty()) {
+        error += "; not a payload either (" + std::to_string(bytes.size()) + " bytes, not " +
+                 std::to_string(qvr::kCacheBlockSize) + ")";
+      }
+      return false;
+    }
+  }
+  input.isPayload = true;
+  input.payload.assign(bytes.begin(), bytes.end());
+  return true;
 }
 
 std::string Conversion::SelectError() const {

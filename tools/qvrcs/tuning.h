@@ -1,6 +1,6 @@
-// Inputs of the qvrcs tool as read (tools/qvrcs/inputs.h reads them),
-// converted by the configurator's own reader steps, with the trace of the
-// conversion.
+// Inputs of the qvrcs tool: tuning files and payload files, read with
+// one-line reasons for whatever is wrong with them, and converted by the
+// configurator's own reader steps, with the trace of the conversion.
 #pragma once
 
 #include <cstdint>
@@ -19,6 +19,13 @@ namespace qvrcs_tool {
 using com::qvr::pb::korva_v1_1::KorvaSettings;
 using com::qvr::pb::wbn::Qvrcs;
 
+// How an input file is taken.
+enum class InputKind {
+  kAuto,     // a payload when exactly one cache block long and not a tuning file
+  kTuning,   // always a tuning file
+  kPayload,  // always a payload (exactly one cache block long)
+};
+
 struct Input {
   std::string path;
   bool isPayload = false;
@@ -27,7 +34,11 @@ struct Input {
   std::vector<uint8_t> payload;                 // payload files: the cache block payload
 };
 
-// Reads the whole file; false with a one-line reason.
+// Reads `path` as `kind`. False with a one-line reason in `error` ("cannot
+// open: No such file or directory", "does not parse as a tuning file", ...).
+bool ReadInput(const std::string& path, InputKind kind, Input& input, std::string& error);
+
+// Reads the whole regular file (tools/qvrcs/io.h); false with a one-line reason.
 bool ReadBytes(const std::string& path, std::string& bytes, std::string& error);
 
 // Protobuf's own complaints (a message missing required fields) are kept out

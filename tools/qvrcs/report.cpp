@@ -1,0 +1,309 @@
+#include "tools/qvrcs/report.h"
+
+#include <CLI/CLI.hpp>
+#include <algorithm>
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <fstream>
+#include <iterator>
+#include <map>
+
+#include "configurator/payload.h"
+#include "qvrcs/qvrcs.h"
+#include "qvrcs/record_layout.h"
+#include "qvrcs/trace.h"
+#include "tools/qvrcs/analysis.h"
+#include "tools/qvrcs/check.h"
+#include "tools/qvrcs/explain.h"
+#include "tools/qvrcs/plot.h"
+#include "tools/qvrcs/tool.h"
+
+namespace qvrcs_tool {
+namespace {
+
+using com::qvr::pb::model::headphoneEq;
+
+// What the block alone does not say, from the conversion's trace: which
+// locator's record reached each room and headphone-EQ slot, how many values
+// its table held, where the record ends and what was cut or wrapped.
+std::vector<SlotFacts> FactsOf(const Conversion& conversion) {
+  std::vector<SlotFacts> facts(FilterSections().size());
+  for (SlotFacts& f : facts) {
+    f.known = true;
+    if (!conversion.selected()) f.notes.push_back(conversion.SelectError());
+  }
+  if (!conversion.selected()) return facts;
+  const Analysis analysis = Analyse(conversion);
+  const std::vector<LocatorOutcome>* walks[] = {&analysis.rooms[0], &analysis.rooms[1], &analysis.rooms[2],
+                                                &analysis.hpeqs};
+  static_assert(std::size(walks) == 4, "three rooms and the headphone EQ, in block order");
+  // The headphone EQ record that reached its slot last, for its measured curve.
+  const headphoneEq* eq = nullptr;
+  for (const qvrcs::TraceEvent& e : conversion.trace.events) {
+    if (e.kind == qvrcs::TraceKind::kLocator && e.section == qvrcs::SectionId::kHeadphoneEq &&
+        e.status == QVRCS_OK && e.record != nullptr) {
+      eq = static_cast<const headphoneEq*>(e.record);
+    }
+  }
+  for (size_t i = 0; i < facts.size(); ++i) {
+    SlotFacts& f = facts[i];
+    const LocatorOutcome* chosen = nullptr;
+    for (const LocatorOutcome& o : *walks[i]) {
+      if (o.status == QVRCS_OK) chosen = &o;
+    }
+    if (!walks[i]->empty() && walks[i]->back().status != QVRCS_OK) f.outcome = walks[i]->back().what;
+    if (!conversion.ok()) {
+      f.notes.push_back("the conversion fails (premix " + std::to_string(conversion.premixStatus()) + ", postmix " +
+                        std::to_string(conversion.postmixStatus()) + "): the configurator would not upload it");
+    }
+    f.written = chosen != nullptr;
+    if (!f.written) continue;
+    f.source = chosen->locator + ": " + chosen->firstRecord;
+    f.values = chosen->count;
+    f.end = chosen->end;
+    f.fileLength = chosen->ihpirLength;
+    if (!chosen->wrap.empty()) f.notes.push_back("values wrap to 16 bits");
+    if (chosen->taps > 0) {
+      f.notes.push_back("ihpirLength " + std::to_string(chosen->ihpirLength) + " cut to " +
+                        std::to_string(chosen->taps) + " taps per channel");
+    }
+    f.notes.insert(f.notes.end(), chosen->overruns.begin(), chosen->overruns.end());
+    if (walks[i] == &analysis.hpeqs && eq != nullptr && eq->has_supplementaldata()) {
+      const auto& db = eq->supplementaldata().responsedb();
+      f.measuredDb.assign(db.begin(), db.end());
+    }
+  }
+  return facts;
+}
+
+constexpr const char* kStyle =
+    "body{font-family:sans-serif;margin:1.5em;color:#111}"
+    "table{border-collapse:collapse;margin:.5em 0}td,th{border:1px solid #bbb;padding:.2em .5em;text-align:left;"
+    "vertical-align:top;font-size:90%}th{background:#eee}.fails{color:#a00;font-weight:bold}.loaded{color:#070}"
+    ".warning{color:#a50}.note{color:#555}code{font-size:95%}.plot svg{max-width:100%;height:auto}"
+    "figure{margin:.5em 0}";
+
+std::string Status(const SlotReport& slot) {
+  if (slot.loaded) return "<span class=\"loaded\">loaded</span>";
+  return "<span class=\"fails\">FAILS</span>: reader " + std::to_string(slot.readerStatus) + ", " +
+         EscapeHtml(slot.meaning);
+}
+
+// `svg` with its ids (and the references to them) prefixed, so that the
+// drawings on one page do not take each other's clipping paths.
+std::string UniqueIds(std::string svg, const std::string& prefix) {
+  for (const char* pattern : {"id=\"", "url(#"}) {
+    const std::string from = pattern;
+    for (size_t at = svg.find(from); at != std::string::npos; at = svg.find(from, at + from.size() + prefix.size())) {
+      svg.insert(at + from.size(), prefix);
+    }
+  }
+  return svg;
+}
+
+// The explain summary of the sections past the control section, and the plots.
+std::string FileSection(const std::string& path, int& figure) {
+  Input input;
+  std::string error;
+  if (!ReadInput(path, InputKind::kAuto, input, error)) {
+    return "<p class=\"fails\">" + EscapeHtml(error) + "</p>\n";
+  }
+  // The explain view and the plots each take a conversion of their own.
+  Input second;
+  second.path = input.path;
+  second.isPayload = input.isPayload;
+  second.payload = input.payload;
+  if (!input.isPayload) {
+    second.reading = std::make_unique<qvr::TuningReading>();
+    second.reading->message = input.reading->message;
+    second.tuning = &second.reading->message;
+  }
+  std::string html;
+  const View view = BuildView(input);
+  html += "<table><tr><th>offset</th><th>bytes</th><th>section</th><th>origin</th><th>source</th><th>what</th></tr>\n";
+  for (const Row& r : view.rows) {
+    if (r.isField || r.block != "postmix") continue;
+    html += "<tr><td>" + std::to_string(r.offset) + "</td><td>" + std::to_string(r.size) + "</td><td>" +
+            EscapeHtml(r.name) + "</td><td>" + EscapeHtml(r.origin) + "</td><td>" + EscapeHtml(r.source) +
+            "</td><td>" + EscapeHtml(r.note) + "</td></tr>\n";
+  }
+  html += "</table>\n";
+
+  const std::vector<FilterResponse> filters = FiltersOf(second, {});
+  std::string svg;
+  if (!DrawSvg({PlotFile{path, filters}}, svg, error)) return html + "<p class=\"fails\">" + EscapeHtml(error) + "</p>\n";
+  html += "<figure class=\"plot\">" + UniqueIds(svg, "p" + std::to_string(++figure) + "-") + "<figcaption>";
+  for (const FilterResponse& f : filters) {
+    html += "<div><code>" + EscapeHtml(f.section) + "</code>: " +
+            EscapeHtml(f.facts.source.empty() ? "nothing loaded" : f.facts.source) + "; " + EscapeHtml(f.header);
+    for (const std::string& p : f.problems) html += "; " + EscapeHtml(p);
+    for (const std::string& n : f.facts.notes) html += "; " + EscapeHtml(n);
+    if (!f.facts.outcome.empty()) html += "; last locator: " + EscapeHtml(f.facts.outcome);
+    html += "</div>";
+  }
+  return html + "</figcaption></figure>\n";
+}
+
+std::string DirSection(const std::string& dir, int& figure) {
+  std::string html = "<section><h2>" + EscapeHtml(dir) + "</h2>\n";
+  const CheckReport report = Check(dir);
+  if (!report.configOk) {
+    html += "<p class=\"fails\">configurator.cfg fails: the configurator loads no slot</p><ul>";
+    for (const std::string& e : report.configErrors) html += "<li>" + EscapeHtml(e) + "</li>";
+    return html + "</ul></section>\n";
+  }
+  html += "<p>search path " + EscapeHtml(report.searchPath) + " (stored as " + EscapeHtml(report.storedPath) +
+          "): " + std::to_string(report.slots.size() - report.Failures()) + " of " +
+          std::to_string(report.slots.size()) + " slots load, " + std::to_string(report.Warnings()) +
+          " warnings</p>\n<table><tr><th>slot</th><th>file</th><th>outcome</th><th>cause</th></tr>\n";
+  for (const SlotReport& slot : report.slots) {
+    html += "<tr><td>" + EscapeHtml(slot.slot) + "</td><td>" + EscapeHtml(slot.filename) + "</td><td>" +
+            Status(slot) + "</td><td>" + EscapeHtml(slot.culprit) + "</td></tr>\n";
+  }
+  html += "</table>\n";
+  if (!report.warnings.empty()) {
+    html += "<ul>\n";
+    for (const CheckWarning& w : report.warnings) {
+      html += std::string("<li class=\"") + (w.note ? "note\">note" : "warning\">warning") + ": " +
+              EscapeHtml(w.slot.empty() ? "" : w.slot + " " + w.file + ": ") + EscapeHtml(w.message) + " [" +
+              EscapeHtml(w.code) + "]</li>\n";
+    }
+    html += "</ul>\n";
+  }
+  std::map<std::string, bool> shown;
+  for (const SlotReport& slot : report.slots) {
+    if (shown[slot.path]) continue;
+    shown[slot.path] = true;
+    html += "<h3>" + EscapeHtml(slot.filename) + " <small>(" + EscapeHtml(slot.slot) + ")</small></h3>\n" +
+            FileSection(slot.path, figure);
+  }
+  return html + "</section>\n";
+}
+
+bool WriteWhole(const std::string& path, const std::string& bytes, std::string& error) {
+  const std::string temporary = TemporaryNear(path);
+  std::ofstream file(temporary, std::ios::binary | std::ios::trunc);
+  if (temporary.empty() || !file) {
+    error = std::string("cannot write: ") + std::strerror(errno);
+    return false;
+  }
+  file.write(bytes.data(), static_cast<std::streamsize>(bytes.size()));
+  file.close();
+  if (!file || std::rename(temporary.c_str(), path.c_str()) != 0) {
+    error = std::string("cannot write: ") + std::strerror(errno);
+    std::remove(temporary.c_str());
+    return false;
+  }
+  return true;
+}
+
+int PlotCommand(const FilterCommands& c, std::ostream& out, std::ostream& err) {
+  const std::vector<std::string> known = FilterSections();
+  std::vector<std::string> files;
+  std::vector<std::string> sections;
+  for (const std::string& arg : c.plotArgs) {
+    (std::find(known.begin(), known.end(), arg) != known.end() ? sections : files).push_back(arg);
+  }
+  if (files.empty() || files.size() > 2) {
+    err << "qvrcs: plot takes one file, or two to draw over each other (see qvrcs plot --help)\n";
+    return kExitUsage;
+  }
+  std::vector<PlotFile> drawn;
+  for (const std::string& path : files) {
+    Input input;
+    std::string error;
+    if (!ReadInput(path, InputKind::kAuto, input, error)) {
+      err << "qvrcs: " << path << ": " << error << "\n";
+      return kExitBadInput;
+    }
+    drawn.push_back(PlotFile{path, FiltersOf(input, sections)});
+  }
+  std::string error;
+  if (!DrawToFile(drawn, c.output, error)) {
+    err << "qvrcs: " << c.output << ": " << error << "\n";
+    return kExitBadInput;
+  }
+  out << c.output << ": " << drawn[0].filters.size() << " section" << (drawn[0].filters.size() == 1 ? "" : "s")
+      << (drawn.size() > 1 ? " of two files" : "") << "\n";
+  return kExitOk;
+}
+
+int ReportCommand(const FilterCommands& c, std::ostream& out, std::ostream& err) {
+  for (const std::string& dir : c.dirs) {
+    std::ifstream probe(dir + "/configurator.cfg");
+    if (!probe) {
+      err << "qvrcs: " << dir << ": no configurator.cfg to read: " << std::strerror(errno) << "\n";
+      return kExitBadInput;
+    }
+  }
+  std::string error;
+  if (!WriteWhole(c.reportOutput, ReportPage(c.dirs), error)) {
+    err << "qvrcs: " << c.reportOutput << ": " << error << "\n";
+    return kExitBadInput;
+  }
+  out << c.reportOutput << ": " << c.dirs.size() << " search path" << (c.dirs.size() == 1 ? "" : "s") << "\n";
+  return kExitOk;
+}
+
+}  // namespace
+
+std::vector<FilterResponse> FiltersOf(Input& input, const std::vector<std::string>& sections) {
+  if (input.isPayload) {
+    auto block = std::make_unique<qvrcs::PostmixBlock>();
+    std::copy(input.payload.begin() + static_cast<long>(qvr::kPostmixPayloadOffset),
+              input.payload.begin() + static_cast<long>(qvr::kPostmixPayloadOffset + block->size()), block->begin());
+    return Responses(*block, {}, qvr::kDspSampleRate, sections);
+  }
+  const std::unique_ptr<Conversion> conversion = Convert(input);
+  const uint32_t rate = conversion->reading->context.sampleRate;
+  return Responses(conversion->reading->postmix, FactsOf(*conversion), rate != 0 ? rate : qvr::kDspSampleRate,
+                   sections);
+}
+
+std::string EscapeHtml(const std::string& text) {
+  std::string escaped;
+  for (char ch : text) {
+    switch (ch) {
+      case '&': escaped += "&amp;"; break;
+      case '<': escaped += "&lt;"; break;
+      case '>': escaped += "&gt;"; break;
+      case '"': escaped += "&quot;"; break;
+      case '\'': escaped += "&#39;"; break;
+      default: escaped += ch;
+    }
+  }
+  return escaped;
+}
+
+std::string ReportPage(const std::vector<std::string>& dirs) {
+  std::string html =
+      "<!DOCTYPE html>\n<html lang=\"en\"><head><meta charset=\"utf-8\">\n"
+      "<meta http-equiv=\"Content-Security-Policy\" content=\"default-src 'none'; style-src 'unsafe-inline'; "
+      "img-src data:\">\n<title>qvrcs report</title>\n<style>";
+  html += kStyle;
+  html += "</style></head><body>\n<h1>qvrcs report</h1>\n";
+  int figure = 0;
+  for (const std::string& dir : dirs) html += DirSection(dir, figure);
+  return html + "</body></html>\n";
+}
+
+void AddFilterCommands(CLI::App& app, FilterCommands& c) {
+  c.plot = app.add_subcommand("plot", "Impulse and magnitude responses of the rooms and the headphone EQ");
+  c.plot->add_option("FILES", c.plotArgs,
+                     "a tuning or payload file, or two drawn over each other; then section names to draw "
+                     "(multich_room front_room wide_room hpeq; default all)")
+      ->required();
+  c.plot->add_option("-o,--output", c.output, "picture to write, .svg or .png")->required();
+  c.report = app.add_subcommand("report", "One self-contained HTML page for search paths: check, explain, plots");
+  c.report->add_option("DIR", c.dirs, "search paths holding configurator.cfg")->required();
+  c.report->add_option("-o,--output", c.reportOutput, "page to write")->required();
+}
+
+int RunFilterCommands(const FilterCommands& c, std::ostream& out, std::ostream& err) {
+  if (c.plot != nullptr && c.plot->parsed()) return PlotCommand(c, out, err);
+  if (c.report != nullptr && c.report->parsed()) return ReportCommand(c, out, err);
+  return -1;
+}
+
+}  // namespace qvrcs_tool
