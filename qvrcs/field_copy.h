@@ -142,6 +142,15 @@ bool CopyRepeated(const Msg& message, const RepeatedCopyEntry<Msg>& entry, Block
   const google::protobuf::RepeatedField<int32_t>& values = (message.*entry.get)();
   const size_t count = static_cast<size_t>(values.size());
   const size_t stored = count < entry.slots ? count : entry.slots;
+  if (trace != nullptr && count > stored) {
+    TraceEvent event;
+    event.kind = TraceKind::kDropped;
+    event.block = TraceBlockOf(section);
+    event.offset = section.base + SlotOffset(entry, 0);
+    event.value = static_cast<int32_t>(entry.slots);
+    event.count = count - stored;
+    trace->OnEvent(event);
+  }
   for (size_t i = 0; i < stored; ++i) {
     const int32_t value = values.Get(static_cast<int>(i));
     const size_t offset = SlotOffset(entry, i);

@@ -71,7 +71,7 @@ int32_t LoadRoom(const roomModel* room, BlockView slot, size_t capacity, uint32_
     return QVRCS_ERR_RECORD_TOO_LARGE;
   }
 
-  QVRCS_PackUuid(room->uuid(), slot.At(kRoomUuid));
+  event.uuidPacked = QVRCS_PackUuid(room->uuid(), slot.At(kRoomUuid));
   qvrcs::StoreI32(slot, kRoomChannelMask, AsWord(room->channelmask()));
   qvrcs::StoreI32(slot, kRoomNumPairs, AsWord(room->numpairs()));
   qvrcs::StoreI32(slot, kRoomBrirLength, AsWord(room->brirlength()));
@@ -96,7 +96,7 @@ int32_t LoadHeadphoneEq(const headphoneEq* eq, BlockView slot, size_t capacity, 
 
   if (trace != nullptr) qvrcs::NoteWraps(table->coeff_16(), event);
   qvrcs::StoreI32(slot, kHpeqSampleRate, table->samplerate());
-  QVRCS_PackUuid(eq->uuid(), slot.At(kHpeqUuid));
+  event.uuidPacked = QVRCS_PackUuid(eq->uuid(), slot.At(kHpeqUuid));
 
   const qvrcs::CoefValues& values = table->coeff_16();
   size_t at = kHpeqCoefs;

@@ -57,6 +57,9 @@ enum class TraceKind : uint8_t {
   // A step of the postmix conversion ended with `status`; `section` is the
   // tail section it fills (kNone: the control section).
   kStatus,
+  // A repeated field whose first element goes to `offset` has `count` more
+  // elements than its `value` slots: those are not written.
+  kDropped,
 };
 
 enum class SkipReason : uint8_t {
@@ -99,6 +102,7 @@ struct TraceEvent {
   int usableBanks = 0;                // AEQ: banks kept (all of them when `filtered` is false)
   bool filtered = false;              // AEQ: banks without a table for the rate were passed over
   int channel = -1;                   // kChannel
+  bool uuidPacked = true;             // rooms, headphone EQ: the record's uuid was 16 hex bytes as written
 
   TraceTable table;  // kLocator (rooms, headphone EQ), kChannel, kRun, kSkipped
 

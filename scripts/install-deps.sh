@@ -10,6 +10,7 @@ packages=(
   faketime
   libgtest-dev libgmock-dev libbenchmark-dev
   libcli11-dev nlohmann-json3-dev
+  help2man
   clang libclang-rt-14-dev
   valgrind
   g++-aarch64-linux-gnu g++-arm-linux-gnueabihf qemu-user-static mmdebstrap

@@ -4,6 +4,9 @@
 // trip, and bad input.
 #include <gtest/gtest.h>
 
+#include <sys/stat.h>
+#include <unistd.h>
+
 #include <filesystem>
 #include <nlohmann/json.hpp>
 #include <sstream>
@@ -49,9 +52,10 @@ struct ToolRun {
   std::string err;
 };
 
-ToolRun RunTool(const std::vector<std::string>& args) {
+ToolRun RunTool(const std::vector<std::string>& args, const std::string& input = "") {
+  std::istringstream in(input);
   std::ostringstream out, err;
-  const int status = qvrcs_tool::Run(args, out, err);
+  const int status = qvrcs_tool::Run(args, in, out, err);
   return ToolRun{status, out.str(), err.str()};
 }
 
@@ -66,6 +70,8 @@ Qvrcs GoodTuning() {
   auto* room = model->add_rooms();
   room->set_uuid(kUuid);
   room->set_numpairs(1);
+  room->set_channelmask(3);
+  room->set_brirlength(50);
   AddTable16(room->mutable_coefftables(), 48000, Ramp(100, 1));
   postmix->add_frontroom()->set_uuid(kUuid);
   auto* eq = model->add_headphones();
@@ -94,10 +100,17 @@ class ToolTest : public e2e::E2eTest {
   // configurator.cfg with `first` in attached0 and good.bin in every other slot.
   void WriteConfig(const std::string& first) {
     Write("good.bin", GoodTuning());
-    std::string text;
-    for (const qvr::ConfigSlot& slot : qvr::kConfigSlots) {
-      const std::string file = std::string(slot.name) == "attached0" ? first : "good.bin";
-      text += std::string(slot.name) + " { filename: \"" + file + "\" device_bitmask: 1 }\n";
+    // The other slots: good files made for their outputs.
+    const std::pair<const char*, com::qvr::pb::wbn::AudioRoute> others[] = {
+        {"attached1", com::qvr::pb::wbn::AR_OUT_ATTACHED1}, {"lineout0", com::qvr::pb::wbn::AR_OUT_LINEOUT},
+        {"bluetooth0", com::qvr::pb::wbn::AR_OUT_BLUETOOTH}, {"combo0", com::qvr::pb::wbn::AR_OUT_COMBO},
+        {"other", com::qvr::pb::wbn::AR_OUT_DEFAULT}};
+    std::string text = "attached0 { filename: \"" + first + "\" device_bitmask: 1 }\n";
+    for (const auto& [slot, route] : others) {
+      Qvrcs good = GoodTuning();
+      good.mutable_workspace(0)->mutable_routeconfiguration(0)->set_route(route);
+      Write(std::string("good_") + slot + ".bin", good);
+      text += std::string(slot) + " { filename: \"good_" + slot + ".bin\" device_bitmask: 1 }\n";
     }
     WriteFile(Path("configurator.cfg"), text);
   }
@@ -235,10 +248,15 @@ TEST_F(ToolTest, CheckReportsConfigurationErrorsWithLineAndColumn) {
   ASSERT_EQ(report.configErrors.size(), 1u);
   EXPECT_EQ(report.configErrors[0], Path("configurator.cfg") + ": Message missing required fields: other");
 
+  // A missing configurator.cfg, or one that is a directory, is a missing input.
   fs::remove(Path("configurator.cfg"));
-  const ToolRun run = RunTool({"check", dir()});
-  EXPECT_EQ(run.status, qvrcs_tool::kExitFindings);
-  EXPECT_NE(run.out.find("configurator.cfg: cannot open: No such file or directory"), std::string::npos) << run.out;
+  ToolRun run = RunTool({"check", dir()});
+  EXPECT_EQ(run.status, qvrcs_tool::kExitBadInput);
+  EXPECT_EQ(run.err, "qvrcs: " + Path("configurator.cfg") + ": cannot open: No such file or directory\n");
+  fs::create_directory(Path("configurator.cfg"));
+  run = RunTool({"check", dir()});
+  EXPECT_EQ(run.status, qvrcs_tool::kExitBadInput);
+  EXPECT_EQ(run.err, "qvrcs: " + Path("configurator.cfg") + ": is a directory, not a file\n");
 }
 
 // ---- check: warnings --------------------------------------------------------
@@ -314,6 +332,52 @@ const WarningCase kWarnings[] = {
     {"extra technology",
      [](Qvrcs& t) { t.mutable_workspace(0)->mutable_routeconfiguration(0)->add_tech(); }, "ignored",
      "workspace[0].routeConfiguration[0] has 2 tech records: only the first is used", false},
+    // What the DSP gets silently wrong.
+    {"room locator without uuid", [](Qvrcs& t) { PostmixOf(t).mutable_frontroom(0)->set_uuid(""); }, "room-no-uuid",
+     "postmix.frontRoom[0]: empty uuid: nothing is loaded and the DSP gets front_room as the template left it",
+     false},
+    {"room uuid that is not a uuid",
+     [](Qvrcs& t) {
+       PostmixOf(t).mutable_model()->mutable_rooms(0)->set_uuid("living-room");
+       PostmixOf(t).mutable_frontroom(0)->set_uuid("living-room");
+     },
+     "uuid-form", "uuid \"living-room\" is not 32 hex digits in 8-4-4-4-12 form", false},
+    {"headphone EQ uuid that is not a uuid",
+     [](Qvrcs& t) {
+       PostmixOf(t).mutable_model()->mutable_headphones(0)->set_uuid("zz1c2a3b-0000-4000-8000-00000000a001");
+       PostmixOf(t).mutable_hpeqcoef(0)->set_uuid("zz1c2a3b-0000-4000-8000-00000000a001");
+     },
+     "uuid-form", "uuid \"zz1c2a3b-0000-4000-8000-00000000a001\" is not 32 hex digits", false},
+    {"room response longer than its section",
+     [](Qvrcs& t) {
+       PostmixOf(t).mutable_model()->mutable_rooms(0)->set_brirlength(7000);
+       PostmixOf(t).mutable_model()->mutable_rooms(0)->set_numpairs(0);
+     },
+     "room-header", "brirLength 7000 is larger than the section, which holds 6150 values", false},
+    {"room with more pairs than channels",
+     [](Qvrcs& t) {
+       PostmixOf(t).mutable_model()->mutable_rooms(0)->set_numpairs(3);
+       PostmixOf(t).mutable_model()->mutable_rooms(0)->set_brirlength(10);
+     },
+     "room-header", "numPairs 3 but channelMask 3 names 2 channels", false},
+    {"room with fewer values than its header says",
+     [](Qvrcs& t) { PostmixOf(t).mutable_model()->mutable_rooms(0)->set_brirlength(60); }, "room-header",
+     "100 values, fewer than numPairs x 2 x brirLength = 120", false},
+    {"more entries than slots",
+     [](Qvrcs& t) {
+       for (int i = 0; i < 9; ++i) PostmixOf(t).add_zell_input_gain(-100 * i);
+     },
+     "dropped", "postmix.zell_input_gain has 9 entries, the block 6 slots: the last 3 are dropped", false},
+    {"filter enabled without coefficients", [](Qvrcs& t) { PostmixOf(t).set_hpf_enable(1); }, "filter-no-coefs",
+     "postmix.hpf_enable enables the filter, but postmix.hpf_coef.coeffs gives it no non-zero coefficient", false},
+    {"tuning of another output",
+     [](Qvrcs& t) {
+       t.mutable_workspace(0)->mutable_routeconfiguration(0)->set_route(com::qvr::pb::wbn::AR_OUT_BLUETOOTH);
+     },
+     "route", "route AR_OUT_BLUETOOTH of another output than attached0, which takes AR_OUT_ATTACHED0 (1)", false},
+    {"empty settings",
+     [](Qvrcs& t) { t.mutable_workspace(0)->mutable_routeconfiguration(0)->mutable_tech(0)->clear_korva_v1_1(); },
+     "empty-settings", "tech[0] holds no premix or postmix settings: the DSP gets the templates only", false},
 };
 
 TEST_F(ToolTest, CheckWarnsOfDataTheConfiguratorTakesSilently) {
@@ -345,22 +409,34 @@ TEST_F(ToolTest, CheckWarnsOfUnparsableFilesAndRelativePathsAndSetsTheExitStatus
   EXPECT_EQ(report.warnings[0].code, "unparsable");
   EXPECT_NE(report.warnings[0].message.find("blank (all-zero) payload and logs no error"), std::string::npos);
 
+  // The device gets a blank block for it: a failure whatever the flags.
   ToolRun run = RunTool({"check", dir()});
   EXPECT_EQ(run.status, qvrcs_tool::kExitFindings);
+  EXPECT_NE(run.out.find("attached0  slot.bin              uploads a blank block\n"), std::string::npos) << run.out;
   EXPECT_NE(run.out.find("warning: attached0 slot.bin: does not parse"), std::string::npos) << run.out;
+  EXPECT_NE(run.out.find("5 of 6 slots load, 1 uploads a blank block, 1 warning"), std::string::npos) << run.out;
   run = RunTool({"check", "--warnings-ok", dir()});
-  EXPECT_EQ(run.status, qvrcs_tool::kExitOk);
+  EXPECT_EQ(run.status, qvrcs_tool::kExitFindings);
   run = RunTool({"check", "--json", dir()});
   const Json json = Json::parse(run.out);
-  EXPECT_EQ(json["warnings"][0]["code"], "unparsable");
+  EXPECT_EQ(json["format"], 1);
+  EXPECT_EQ(json["inputs"][0]["warnings"][0]["code"], "unparsable");
+  EXPECT_EQ(json["inputs"][0]["slots"][0]["outcome"], "blank");
   EXPECT_EQ(json["exit_status"], qvrcs_tool::kExitFindings);
-  EXPECT_EQ(json["slots"].size(), qvr::kCacheBlockCount);
+  EXPECT_EQ(json["inputs"][0]["slots"].size(), qvr::kCacheBlockCount);
 
-  const CheckReport relative = qvrcs_tool::Check("etc/qvr");
+  // Only the path the device gives the configurator can be relative to "/".
+  const CheckReport relative = qvrcs_tool::Check(dir(), "etc/qvr");
   EXPECT_EQ(relative.storedPath, "/etc/qvr");
   ASSERT_FALSE(relative.warnings.empty());
   EXPECT_EQ(relative.warnings[0].code, "relative-path");
   EXPECT_NE(relative.warnings[0].message.find("would read /etc/qvr/configurator.cfg"), std::string::npos);
+  const fs::path saved = fs::current_path();
+  fs::current_path(dir());
+  const CheckReport here = qvrcs_tool::Check(".");
+  fs::current_path(saved);
+  EXPECT_EQ(here.storedPath, std::string("/") + qvrcs_tool::kDevicePath);
+  for (const auto& w : here.warnings) EXPECT_NE(w.code, "relative-path") << w.message;
 }
 
 TEST_F(ToolTest, CheckSaysNothingOnTheExampleSet) {
@@ -435,7 +511,11 @@ TEST_F(ToolTest, ExplainNamesEveryConvertedFieldAtItsMappedOffset) {
                 "48000 Hz, 100 values, record ends at byte " + std::to_string(qvrcs::kFrontRoomSlot + 40 + 200)),
             std::string::npos);
   EXPECT_EQ((*RowNamed(rows, "postmix", "multich_room"))["origin"], "template");
-  EXPECT_EQ((*RowNamed(rows, "postmix", "fixed_words"))["holds"], "[3000, 9540, 5000, 5000]");
+  EXPECT_EQ((*RowNamed(rows, "postmix", "fixed_words"))["data"]["values"], Json::parse("[3000, 9540, 5000, 5000]"));
+  const Json& room = (*RowNamed(rows, "postmix", "front_room"))["data"];
+  EXPECT_EQ(room["numPairs"], 1);
+  EXPECT_EQ(room["coefficients"][99], 100);
+  EXPECT_EQ(room["coefficients"][100], 0);
 }
 
 TEST_F(ToolTest, ExplainMarksTemplateValuesAndShowsAFailedConversion) {
@@ -443,7 +523,7 @@ TEST_F(ToolTest, ExplainMarksTemplateValuesAndShowsAFailedConversion) {
   PostmixOf(tuning).mutable_frontroom(0)->set_uuid(kOtherUuid);
   SettingsOf(tuning).mutable_postmix()->set_zell_multi_ch(-1);
   const ToolRun run = RunTool({"explain", "--json", Write("bad.bin", tuning)});
-  ASSERT_EQ(run.status, qvrcs_tool::kExitOk);
+  ASSERT_EQ(run.status, qvrcs_tool::kExitFindings) << "a file that will not load";
   const Json json = Json::parse(run.out);
   EXPECT_EQ(json["loads"], false);
   EXPECT_EQ(json["postmix_status"], -999);
@@ -487,8 +567,36 @@ TEST_F(ToolTest, DiffListsExactlyTheFieldsThatDiffer) {
   ASSERT_EQ(RunTool({"convert", pathA, "-o", payload}).status, qvrcs_tool::kExitOk);
   run = RunTool({"diff", pathA, payload});
   EXPECT_EQ(run.status, qvrcs_tool::kExitOk) << run.out;
-  EXPECT_NE(run.out.find("b: " + payload + ": payload file"), std::string::npos) << run.out;
+  EXPECT_NE(run.out.find("b: " + payload + ": payload; "), std::string::npos) << run.out;
   EXPECT_NE(run.out.find("0 fields or sections differ"), std::string::npos);
+}
+
+TEST_F(ToolTest, ExplainAndDiffShowWhatCheckWarnsOfAtTheField) {
+  Qvrcs tuning = GoodTuning();
+  PostmixOf(tuning).mutable_model()->mutable_rooms(0)->mutable_coefftables(0)->set_coeff_16(3, 70000);
+  for (int i = 0; i < 9; ++i) PostmixOf(tuning).add_zell_input_gain(i);
+  const std::string path = Write("warned.bin", tuning);
+  const ToolRun text = RunTool({"explain", "--changed", path});
+  ASSERT_EQ(text.status, qvrcs_tool::kExitOk);
+  const size_t room = text.out.find("front_room");
+  ASSERT_NE(room, std::string::npos) << text.out;
+  EXPECT_NE(text.out.find("warning: room postmix.model.rooms[0]", room), std::string::npos) << text.out;
+  const Json json = Json::parse(RunTool({"explain", "--json", path}).out);
+  EXPECT_EQ((*RowNamed(json["rows"], "postmix", "front_room"))["warnings"][0]["code"], "wrap16");
+  EXPECT_EQ((*RowNamed(json["rows"], "postmix", "postmix.zell_input_gain[0]"))["warnings"][0]["code"], "dropped");
+  EXPECT_EQ(json["warnings"].size(), 2u);
+
+  // The blocks of six and of nine entries agree; the dropped three still show.
+  Qvrcs six = GoodTuning();
+  for (int i = 0; i < 6; ++i) PostmixOf(six).add_zell_input_gain(i);
+  Qvrcs nine = six;
+  for (int i = 6; i < 9; ++i) PostmixOf(nine).add_zell_input_gain(i);
+  const ToolRun diff = RunTool({"diff", Write("six.bin", six), Write("nine.bin", nine)});
+  EXPECT_EQ(diff.status, qvrcs_tool::kExitFindings);
+  EXPECT_NE(diff.out.find("b only: warning: postmix.zell_input_gain has 9 entries, the block 6 slots: the last 3 "
+                          "are dropped [dropped]\n0 fields or sections differ, 1 warning differs"),
+            std::string::npos)
+      << diff.out;
 }
 
 // ---- convert ----------------------------------------------------------------
@@ -515,7 +623,7 @@ TEST_F(ToolTest, ConvertGivesWhatTheDriverReceivesFromTheConfigurator) {
     const std::string out = Path("slot" + std::to_string(i) + ".payload");
     const ToolRun run = RunTool({"convert", files[i], "-o", out});
     ASSERT_EQ(run.status, qvrcs_tool::kExitOk) << run.err;
-    EXPECT_NE(run.out.find("61664 bytes, reader status 0"), std::string::npos) << run.out;
+    EXPECT_NE(run.err.find("61664 bytes, reader status 0"), std::string::npos) << run.err;
     const std::string payload = ReadFile(out);
     ASSERT_EQ(payload.size(), qvr::kCacheBlockSize);
     ASSERT_EQ(uploads[i].size(), sizeof(qvr_korva_param_desc) + qvr::kCacheBlockSize);
@@ -537,7 +645,7 @@ TEST_F(ToolTest, ConvertReportsFilesTheConfiguratorWouldNotUploadOrUploadsBlank)
   WriteFile(Path("junk.bin"), std::string("\x0a\xff\xff", 3));
   run = RunTool({"convert", "--json", Path("junk.bin"), "-o", Path("junk.payload")});
   EXPECT_EQ(run.status, qvrcs_tool::kExitFindings);
-  EXPECT_EQ(ReadFile(Path("junk.payload")), std::string(qvr::kCacheBlockSize, '\0'));
+  EXPECT_TRUE(ReadFile(Path("junk.payload")) == std::string(qvr::kCacheBlockSize, '\0'));
   const Json json = Json::parse(run.out);
   EXPECT_EQ(json["reader_status"], 0);
   EXPECT_EQ(json["parsed"], false);
@@ -556,18 +664,6 @@ TEST_F(ToolTest, DumpAndEncodeRoundTripEveryExample) {
     ASSERT_EQ(run.status, qvrcs_tool::kExitOk) << run.err;
     EXPECT_TRUE(ReadFile(again) == ReadFile(entry.path().string()));
   }
-  const ToolRun json = RunTool({"dump", "--json", std::string(QVR_EXAMPLES_DIR) + "/lineout.bin"});
-  EXPECT_EQ(json.status, qvrcs_tool::kExitOk);
-  EXPECT_TRUE(Json::parse(json.out).contains("workspace"));
-}
-
-TEST_F(ToolTest, EncodeNamesTheLineAndColumnOfATextError) {
-  WriteFile(Path("bad.textproto"), "workspace {\n  routeConfiguration {\n    tecch {}\n  }\n}\n");
-  const ToolRun run = RunTool({"encode", Path("bad.textproto"), "-o", Path("out.bin")});
-  EXPECT_EQ(run.status, qvrcs_tool::kExitBadInput);
-  EXPECT_EQ(run.err.rfind("qvrcs: " + Path("bad.textproto") + ":3:11: ", 0), 0u) << run.err;
-  EXPECT_NE(run.err.find("tecch"), std::string::npos);
-  EXPECT_FALSE(fs::exists(Path("out.bin")));
 }
 
 // ---- bad input --------------------------------------------------------------
@@ -590,13 +686,13 @@ TEST_F(ToolTest, BadInputGivesOneLineAndTheDocumentedStatus) {
   ToolRun run = RunTool({"explain", Path("cut.bin")});
   EXPECT_EQ(run.status, qvrcs_tool::kExitBadInput);
   EXPECT_EQ(run.err, "qvrcs: " + Path("cut.bin") +
-                         ": does not parse as a tuning file (truncated, or not a tuning file); not a payload either (" +
-                         std::to_string(whole.size() / 2) + " bytes, not 61664)\n");
+                         ": does not parse as a tuning file (truncated, or not a tuning file); not device-side data "
+                         "either (" + std::to_string(whole.size() / 2) + " bytes)\n");
   run = RunTool({"dump", dir()});
   EXPECT_EQ(run.err, "qvrcs: " + dir() + ": is a directory, not a file\n");
   run = RunTool({"diff", "--payload", Path("cut.bin"), Path("cut.bin")});
   EXPECT_EQ(run.status, qvrcs_tool::kExitBadInput);
-  EXPECT_NE(run.err.find("not a payload: "), std::string::npos);
+  EXPECT_NE(run.err.find("not device-side data: "), std::string::npos);
 
   // The command line itself.
   for (const std::vector<std::string>& args : std::vector<std::vector<std::string>>{
@@ -606,9 +702,229 @@ TEST_F(ToolTest, BadInputGivesOneLineAndTheDocumentedStatus) {
     EXPECT_EQ(run.err.rfind("qvrcs: ", 0), 0u);
     EXPECT_EQ(std::count(run.err.begin(), run.err.end(), '\n'), 1);
   }
+  run = RunTool({"chek", dir()});
+  EXPECT_EQ(run.err, "qvrcs: unknown command \"chek\"; did you mean \"check\"? (see qvrcs --help)\n");
   run = RunTool({"check", "--help"});
   EXPECT_EQ(run.status, qvrcs_tool::kExitOk);
   EXPECT_NE(run.out.find("--warnings-ok"), std::string::npos);
+  EXPECT_EQ(RunTool({"--version"}).out, std::string("qvrcs ") + QVRCS_VERSION + "\n");
+}
+
+// ---- many inputs, text tuning files, device-side data -------------------------
+
+TEST_F(ToolTest, CheckTakesManySetsAndSingleFilesWithASummaryInInputOrder) {
+  WriteConfig("good.bin");
+  Qvrcs bad = GoodTuning();
+  PostmixOf(bad).mutable_frontroom(0)->set_uuid(kOtherUuid);
+  const std::string badFile = Write("bad.bin", bad);
+  WriteFile(Path("good.textproto"), RunTool({"dump", Path("good.bin")}).out);
+  const std::vector<std::string> inputs = {dir(), badFile, Path("good.textproto"), QVR_EXAMPLES_DIR};
+
+  std::vector<std::string> args = {"check", "-j", "1"};
+  args.insert(args.end(), inputs.begin(), inputs.end());
+  const ToolRun serial = RunTool(args);
+  EXPECT_EQ(serial.status, qvrcs_tool::kExitFindings);
+  EXPECT_NE(serial.out.find("tuning file " + badFile + ", checked as one slot\n-          bad.bin"),
+            std::string::npos) << serial.out;
+  EXPECT_NE(serial.out.find("postmix.frontRoom[0]: no listening model holds room"), std::string::npos);
+  EXPECT_NE(serial.out.find("\n" + Path("good.textproto") + " -"), std::string::npos) << serial.out;
+  EXPECT_NE(serial.out.find("4 inputs: 13 of 14 slots load, 0 warnings\n"), std::string::npos) << serial.out;
+  args[2] = "3";
+  const ToolRun parallel = RunTool(args);
+  EXPECT_EQ(parallel.out, serial.out);
+  EXPECT_EQ(parallel.status, serial.status);
+
+  // One JSON line per slot, in input order; one document with --json.
+  args[2] = "2";
+  args.push_back("--jsonl");
+  const ToolRun lines = RunTool(args);
+  std::istringstream stream(lines.out);
+  std::vector<Json> records;
+  for (std::string line; std::getline(stream, line);) records.push_back(Json::parse(line));
+  ASSERT_EQ(records.size(), 14u) << lines.out;
+  EXPECT_EQ(records[0]["input"], dir());
+  EXPECT_EQ(records[6]["input"], badFile);
+  EXPECT_EQ(records[6]["outcome"], "fails");
+  EXPECT_EQ(records[7]["outcome"], "loaded");
+  EXPECT_EQ(records[13]["slot"], "other");
+  args.back() = "--json";
+  const Json document = Json::parse(RunTool(args).out);
+  EXPECT_EQ(document["inputs"].size(), 4u);
+  EXPECT_EQ(document["summary"]["failing"], 1);
+  EXPECT_EQ(document["summary"]["loaded"], 13);
+
+  // A missing input is reported and counted; the others are still checked.
+  const ToolRun missing = RunTool({"check", Path("none"), dir()});
+  EXPECT_EQ(missing.status, qvrcs_tool::kExitBadInput);
+  EXPECT_EQ(missing.err, "qvrcs: " + Path("none") + ": cannot open: No such file or directory\n");
+  EXPECT_NE(missing.out.find("6 of 6 slots load, 1 input not checked"), std::string::npos) << missing.out;
+}
+
+TEST_F(ToolTest, TextAndJsonTuningFilesAreTakenWhereverATuningFileIs) {
+  const std::string binary = Write("good.bin", GoodTuning());
+  const ToolRun text = RunTool({"dump", binary});
+  ASSERT_EQ(text.status, qvrcs_tool::kExitOk);
+  EXPECT_NE(text.out.find("coeff_16: [1, 2, 3, 4, 5"), std::string::npos) << "repeated numbers on one line";
+  WriteFile(Path("good.textproto"), text.out);
+  WriteFile(Path("good.json"), RunTool({"dump", "--json", binary}).out);
+
+  const std::string expected = RunTool({"explain", "--json", binary}).out;
+  for (const std::string& form : {Path("good.textproto"), Path("good.json")}) {
+    SCOPED_TRACE(form);
+    const Json view = Json::parse(RunTool({"explain", "--json", form}).out);
+    EXPECT_EQ(view["rows"], Json::parse(expected)["rows"]);
+    EXPECT_EQ(RunTool({"diff", binary, form}).status, qvrcs_tool::kExitOk);
+    ASSERT_EQ(RunTool({"encode", form, "-o", Path("again.bin")}).status, qvrcs_tool::kExitOk);
+    EXPECT_TRUE(ReadFile(Path("again.bin")) == ReadFile(binary));
+    ASSERT_EQ(RunTool({"convert", form, "-o", Path("text.payload")}).status, qvrcs_tool::kExitOk);
+    ASSERT_EQ(RunTool({"convert", binary, "-o", Path("binary.payload")}).status, qvrcs_tool::kExitOk);
+    EXPECT_TRUE(ReadFile(Path("text.payload")) == ReadFile(Path("binary.payload")));
+  }
+  // Edited text checked directly: the error names file, line and column.
+  WriteFile(Path("bad.textproto"), "workspace {\n  routeConfiguration {\n    tecch {}\n  }\n}\n");
+  for (std::vector<std::string> args : std::vector<std::vector<std::string>>{
+           {"check"}, {"explain"}, {"dump"}, {"encode", "-o", Path("out.bin")}}) {
+    args.insert(args.begin() + 1, Path("bad.textproto"));
+    const ToolRun run = RunTool(args);
+    EXPECT_EQ(run.status, qvrcs_tool::kExitBadInput) << args[0];
+    EXPECT_EQ(run.err.rfind("qvrcs: " + Path("bad.textproto") + ":3:11: ", 0), 0u) << args[0] << run.err;
+    EXPECT_NE(run.err.find("tecch"), std::string::npos);
+  }
+  EXPECT_FALSE(fs::exists(Path("out.bin")));
+  // --format binary takes it as the reader would: a file that does not parse.
+  const ToolRun forced = RunTool({"explain", "--format", "binary", Path("good.textproto")});
+  EXPECT_EQ(forced.status, qvrcs_tool::kExitBadInput);
+  EXPECT_NE(forced.err.find("does not parse as a tuning file"), std::string::npos) << forced.err;
+}
+
+TEST_F(ToolTest, ExplainAndDiffTakeUploadsAndCacheDumps) {
+  const std::string binary = Write("good.bin", GoodTuning());
+  ASSERT_EQ(RunTool({"convert", binary, "-o", Path("good.payload")}).status, qvrcs_tool::kExitOk);
+  const std::string payload = ReadFile(Path("good.payload"));
+  qvr_korva_param_desc desc{PARAM_ID_PREMIX, static_cast<int32_t>(qvr::kCacheBlockSize), 0, 0x80000003u};
+  WriteFile(Path("upload.bin"), std::string(reinterpret_cast<const char*>(&desc), sizeof desc) + payload);
+  std::string cache(static_cast<size_t>(qvr::kDriverCacheSize), '\0');
+  cache.replace(3 * qvr::kCacheBlockSize, qvr::kCacheBlockSize, payload);
+  WriteFile(Path("cache.bin"), cache);
+
+  ToolRun run = RunTool({"explain", Path("upload.bin")});
+  EXPECT_EQ(run.status, qvrcs_tool::kExitOk);
+  EXPECT_EQ(run.out.rfind(Path("upload.bin") + ": upload; descriptor id 0x10015100, size 61664, offset 0, "
+                          "device 0x80000003; ", 0), 0u) << run.out.substr(0, 200);
+  EXPECT_EQ(RunTool({"diff", binary, Path("upload.bin")}).status, qvrcs_tool::kExitOk);
+  run = RunTool({"diff", binary, Path("cache.bin")});
+  EXPECT_EQ(run.status, qvrcs_tool::kExitBadInput);
+  EXPECT_NE(run.err.find("choose one with --block 0..5"), std::string::npos) << run.err;
+  EXPECT_EQ(RunTool({"diff", "--block", "3", binary, Path("cache.bin")}).status, qvrcs_tool::kExitOk);
+  EXPECT_EQ(RunTool({"diff", "--block", "2", binary, Path("cache.bin")}).status, qvrcs_tool::kExitFindings);
+}
+
+// ---- the faults of a first use ----------------------------------------------
+
+TEST_F(ToolTest, DashIsStandardInputAndOutputAndStatusLinesStayOffTheData) {
+  const std::string binary = Write("good.bin", GoodTuning());
+  const std::string bytes = ReadFile(binary);
+  ToolRun run = RunTool({"convert", binary, "-o", "-"});
+  ASSERT_EQ(run.status, qvrcs_tool::kExitOk);
+  EXPECT_EQ(run.out.size(), qvr::kCacheBlockSize);
+  EXPECT_NE(run.err.find("61664 bytes"), std::string::npos);
+  EXPECT_FALSE(fs::exists("-"));
+  EXPECT_EQ(RunTool({"-q", "convert", binary, "-o", "-"}).err, "");
+
+  run = RunTool({"dump", "-"}, bytes);
+  ASSERT_EQ(run.status, qvrcs_tool::kExitOk);
+  const ToolRun encoded = RunTool({"encode", "-", "-o", "-"}, run.out);
+  EXPECT_TRUE(encoded.out == bytes);
+  EXPECT_EQ(RunTool({"check", "-"}, run.out).status, qvrcs_tool::kExitOk);
+  EXPECT_EQ(RunTool({"explain", "-"}, bytes).status, qvrcs_tool::kExitOk);
+}
+
+TEST_F(ToolTest, OutputsNeverReplaceAnInputNorStayHalfWritten) {
+  const std::string binary = Write("good.bin", GoodTuning());
+  const std::string before = ReadFile(binary);
+  fs::create_symlink(binary, Path("link.bin"));
+  for (const std::vector<std::string>& args : std::vector<std::vector<std::string>>{
+           {"convert", binary, "-o", binary}, {"dump", binary, "-o", Path("link.bin")},
+           {"encode", binary, "-o", binary}}) {
+    const ToolRun run = RunTool(args);
+    EXPECT_EQ(run.status, qvrcs_tool::kExitBadInput) << args[0];
+    EXPECT_NE(run.err.find("is also an input: refusing to write over it"), std::string::npos) << run.err;
+  }
+  EXPECT_TRUE(ReadFile(binary) == before);
+  // Written through a temporary file: nothing else is left in the folder.
+  ASSERT_EQ(RunTool({"dump", binary, "-o", Path("out.textproto")}).status, qvrcs_tool::kExitOk);
+  for (const auto& entry : fs::directory_iterator(dir())) {
+    EXPECT_EQ(entry.path().filename().string().rfind(".qvrcs-", 0), std::string::npos) << entry.path();
+  }
+}
+
+TEST_F(ToolTest, OnlyRegularFilesAreReadAndNeverWithoutEnd) {
+  ASSERT_EQ(mkfifo(Path("fifo.bin").c_str(), 0600), 0);
+  fs::create_symlink("/dev/zero", Path("zero.bin"));
+  for (const std::string name : {"fifo.bin", "zero.bin"}) {
+    SCOPED_TRACE(name);
+    const ToolRun run = RunTool({"explain", Path(name)});
+    EXPECT_EQ(run.status, qvrcs_tool::kExitBadInput);
+    EXPECT_EQ(run.err, "qvrcs: " + Path(name) + ": is " +
+                           (name == std::string("fifo.bin") ? "a FIFO" : "a character device") +
+                           ", not a regular file\n");
+    WriteConfig(name);
+    const CheckReport report = qvrcs_tool::Check(dir());
+    EXPECT_FALSE(report.slots[0].loaded);
+    EXPECT_NE(report.slots[0].culprit.find("not a regular file"), std::string::npos) << report.slots[0].culprit;
+  }
+}
+
+TEST_F(ToolTest, BytesThatAreNotUtf8AreEscapedInJson) {
+  // A uuid holding 0xFF, a file name holding 0xFF, a version holding "K\xFCche".
+  Qvrcs tuning = GoodTuning();
+  PostmixOf(tuning).mutable_frontroom(0)->set_uuid("\xff");
+  SettingsOf(tuning).set_version("K\xfc" "che");
+  const std::string odd = Write("odd\xff.bin", tuning);
+  ToolRun run = RunTool({"check", "--json", odd});
+  const Json check = Json::parse(run.out);
+  EXPECT_EQ(check["inputs"][0]["input"], Path("odd\\xFF.bin"));
+  EXPECT_NE(check["inputs"][0]["slots"][0]["cause"].get<std::string>().find("\"\\xFF\""), std::string::npos);
+  run = RunTool({"explain", "--json", odd});
+  EXPECT_EQ(Json::parse(run.out)["file"], Path("odd\\xFF.bin"));
+  run = RunTool({"dump", "--json", odd});
+  EXPECT_EQ(Json::parse(run.out)["workspace"][0]["routeConfiguration"][0]["tech"][0]["korva_v1_1"]["version"],
+            "K\\xFCche");
+
+  // configurator.cfg starting with a byte-order mark.
+  WriteConfig("good.bin");
+  WriteFile(Path("configurator.cfg"), "\xef\xbb\xbf" + ReadFile(Path("configurator.cfg")));
+  run = RunTool({"check", "--json", dir()});
+  EXPECT_EQ(run.err, "");
+  EXPECT_FALSE(Json::parse(run.out)["inputs"][0]["config"]["ok"]);
+}
+
+TEST_F(ToolTest, CheckTableKeepsItsColumnsForLongAndNonAsciiNames) {
+  Write("lineout_amp_rev_b_2024.bin", GoodTuning());
+  Write("K\xc3\xbc" "che.bin", GoodTuning());
+  WriteConfig("lineout_amp_rev_b_2024.bin");
+  std::string text = ReadFile(Path("configurator.cfg"));
+  text.replace(text.find("good_attached1.bin"), 18, "K\xc3\xbc" "che.bin");
+  WriteFile(Path("configurator.cfg"), text);
+  const ToolRun run = RunTool({"check", dir()});
+  EXPECT_NE(run.out.find("attached0  lineout_amp_rev_b_2024.bin loaded\n"), std::string::npos) << run.out;
+  EXPECT_NE(run.out.find("attached1  K\xc3\xbc" "che.bin                  loaded\n"), std::string::npos) << run.out;
+}
+
+TEST_F(ToolTest, EmptyInputsAndNamesAreSaidSo) {
+  WriteFile(Path("empty.bin"), "");
+  ToolRun run = RunTool({"dump", Path("empty.bin")});
+  EXPECT_EQ(run.status, qvrcs_tool::kExitOk);
+  EXPECT_EQ(run.err, "qvrcs: " + Path("empty.bin") + ": note: an empty message, no field is set\n");
+  WriteFile(Path("empty.textproto"), "# nothing yet\n");
+  run = RunTool({"encode", Path("empty.textproto"), "-o", Path("out.bin")});
+  EXPECT_NE(run.err.find("note: an empty message: the tuning file written is 0 bytes"), std::string::npos);
+  run = RunTool({"check", ""});
+  EXPECT_EQ(run.status, qvrcs_tool::kExitBadInput);
+  EXPECT_EQ(run.err, "qvrcs: \"\": empty file name\n");
+  // The exit status paragraph is in the tool's help only.
+  EXPECT_NE(RunTool({"--help"}).out.find("Exit status:"), std::string::npos);
+  EXPECT_EQ(RunTool({"check", "--help"}).out.find("Exit status:"), std::string::npos);
 }
 
 }  // namespace

@@ -18,6 +18,12 @@ namespace {
 
 const std::string kRate = std::to_string(qvr::kDspSampleRate) + " Hz";
 
+// Filters the settings switch on, with the section their coefficients fill.
+constexpr std::pair<const char*, SectionId> kFilterCoefficients[] = {
+    {"postmix.hpf_enable", SectionId::kHighPassCoefs},
+    {"postmix.velmo.hpf_enable", SectionId::kVelmoHighPassCoefs},
+};
+
 std::string Quote(const std::string& text) { return "\"" + text + "\""; }
 
 size_t IndexOf(SectionId id) { return static_cast<size_t>(id); }
@@ -86,6 +92,11 @@ std::string Overrun(const std::string& what, size_t first, size_t count, unsigne
   return text + " into " + into;
 }
 
+std::string UuidProblem(const std::string& record, const std::string& uuid) {
+  return record + ": uuid " + Quote(uuid) +
+         " is not 32 hex digits in 8-4-4-4-12 form: the DSP gets its bytes shifted or zero";
+}
+
 std::string RunOverrun(const std::string& what, const TraceEvent& run) {
   return Overrun(what, run.offset, run.count, run.width, run.areaEnd);
 }
@@ -121,6 +132,27 @@ void DescribeRoom(const TraceEvent& e, LocatorOutcome& o) {
     o.what = "room " + name + ": " + kRate + ", " + std::to_string(e.table.count) + " values, record ends at byte " +
              std::to_string(e.end);
     o.wrap = Coeff16Wrap("room " + name, e);
+    if (!e.uuidPacked) o.problems.emplace_back("uuid-form", UuidProblem("room " + name, room.uuid()));
+    // The record's header against its own values.
+    const size_t held = (e.capacity - qvrcs::kRoomCoefs) / 2;
+    const std::string head = "room " + name + ": ";
+    if (room.brirlength() > held) {
+      o.problems.emplace_back("room-header", head + "brirLength " + std::to_string(room.brirlength()) +
+                                                 " is larger than the section, which holds " + std::to_string(held) +
+                                                 " values");
+    }
+    const int channels = __builtin_popcount(room.channelmask());
+    if (static_cast<int>(room.numpairs()) > channels) {
+      o.problems.emplace_back("room-header", head + "numPairs " + std::to_string(room.numpairs()) +
+                                                 " but channelMask " + std::to_string(room.channelmask()) +
+                                                 " names " + std::to_string(channels) + " channels");
+    }
+    const uint64_t expected = 2ull * room.numpairs() * room.brirlength();
+    if (e.table.count < expected) {
+      o.problems.emplace_back("room-header", head + std::to_string(e.table.count) +
+                                                 " values, fewer than numPairs x 2 x brirLength = " +
+                                                 std::to_string(expected) + ": the DSP reads zeros past them");
+    }
   }
 }
 
@@ -148,6 +180,7 @@ void DescribeHeadphoneEq(const TraceEvent& e, const std::vector<const TraceEvent
   const std::string head = "headphone EQ " + name + ": " + kRate + ", ihpirLength " + std::to_string(e.length) + ", " +
                            std::to_string(e.table.count) + " values, ";
   o.taps = e.taps;
+  if (!e.uuidPacked) o.problems.emplace_back("uuid-form", UuidProblem("headphone EQ " + name, eq.uuid()));
   o.what = e.taps > 0 ? head + "cut to " + std::to_string(e.taps) + " taps per channel"
                       : head + "record ends at byte " + std::to_string(e.end);
   for (const TraceEvent* part : parts) {
@@ -214,14 +247,14 @@ void FromLocators(const std::vector<LocatorOutcome>& walk, SectionOrigin& origin
   origin.end = chosen->end;
 }
 
-void FromRun(const TraceEvent& run, SectionOrigin& origin, std::vector<std::string>& overruns) {
+void FromRun(const TraceEvent& run, SectionOrigin& origin, std::vector<std::pair<SectionId, std::string>>& overruns) {
   const qvrcs::SectionInfo& section = qvrcs::Section(run.section);
   origin.fromFile = true;
   origin.source = std::string(section.source) + "[" + std::to_string(run.table.index) + "]";
   origin.end = run.end;
   origin.detail = kRate + ", " + std::to_string(run.count) + " values, ends at byte " + std::to_string(run.end);
   const std::string over = RunOverrun(origin.source, run);
-  if (!over.empty()) overruns.push_back(over);
+  if (!over.empty()) overruns.emplace_back(run.section, over);
 }
 
 bool IsLocatorSection(SectionId id) {
@@ -331,7 +364,7 @@ Analysis Analyse(const Conversion& conversion) {
                         " values, more than the " + std::to_string(section.capacity()) +
                         " the section holds: not loaded";
         if (e.section == SectionId::kHighPassCoefs) {
-          a.overruns.push_back(origin.detail);
+          a.overruns.emplace_back(e.section, origin.detail);
         } else {
           origin.detail.clear();  // another table may still fit
         }
@@ -418,10 +451,11 @@ std::string DiagnoseFailure(const Qvrcs& message, const Conversion& conversion) 
 
 std::vector<Warning> FindSuspicious(const Conversion& conversion) {
   std::vector<Warning> warnings;
-  auto warn = [&](const char* code, std::string text) {
+  auto warn = [&](const char* code, std::string text, std::string at = {}) {
     const std::string c = code;
-    warnings.push_back(Warning{c, std::move(text), c == "hpeq-cut" || c == "hpeq-skipped"});
+    warnings.push_back(Warning{c, std::move(text), c == "hpeq-cut" || c == "hpeq-skipped", std::move(at)});
   };
+  auto sectionName = [](SectionId id) { return std::string(qvrcs::Section(id).name); };
 
   // Records of the file that the reader's selection passes over.
   const qvr::SettingsSelection& selection = conversion.reading->selection;
@@ -445,6 +479,11 @@ std::vector<Warning> FindSuspicious(const Conversion& conversion) {
                             "configurator ignores: the DSP gets the default blocks");
   }
   if (!conversion.selected()) return warnings;
+  const KorvaSettings& settings = conversion.settings();
+  if (!selection.secondVersion && !settings.has_premix() && !settings.has_postmix()) {
+    warn("empty-settings", std::string(selection.firstVersion ? "tech[0].korva_v1_1 has" : "tech[0] holds") +
+                               " no premix or postmix settings: the DSP gets the templates only");
+  }
 
   // 16-bit fields given values that do not fit, in block order.
   std::vector<const TraceEvent*> wrapped;
@@ -455,23 +494,72 @@ std::vector<Warning> FindSuspicious(const Conversion& conversion) {
     return std::make_pair(x->block, x->offset) < std::make_pair(y->block, y->offset);
   });
   for (const TraceEvent* e : wrapped) {
-    warn("wrap16", FieldPathAt(e->block, e->offset) + " = " + std::to_string(e->value) +
-                       " does not fit its 16-bit field: the DSP gets " +
-                       std::to_string(static_cast<int16_t>(e->value & 0xFFFF)));
+    const std::string path = FieldPathAt(e->block, e->offset);
+    warn("wrap16", path + " = " + std::to_string(e->value) + " does not fit its 16-bit field: the DSP gets " +
+                       std::to_string(static_cast<int16_t>(e->value & 0xFFFF)),
+         path);
+  }
+
+  // Repeated fields with more entries than the block has slots.
+  for (const TraceEvent& e : conversion.trace.events) {
+    if (e.kind != TraceKind::kDropped) continue;
+    const std::string first = FieldPathAt(e.block, e.offset);
+    const std::string field = first.substr(0, first.rfind('['));
+    warn("dropped", field + " has " + std::to_string(e.count + static_cast<size_t>(e.value)) + " entries, the block " +
+                        std::to_string(e.value) + " slots: the last " + std::to_string(e.count) + " are dropped",
+         first);
   }
 
   // A negative premix reference value is swallowed by the premix converter.
   if (const TraceEvent* stop = StopIn(conversion, qvrcs::TraceBlock::kPremix)) {
-    warn("ref-htest", NegativeRefHtest(*stop) +
-                          ": the premix Enhance2 section stops there (the later ref_htest slots keep "
-                          "the template) and the slot still loads without an error");
+    warn("ref-htest",
+         NegativeRefHtest(*stop) +
+             ": the premix Enhance2 section stops there (the later ref_htest slots keep "
+             "the template) and the slot still loads without an error",
+         FieldPathAt(stop->block, stop->offset));
+  }
+
+  // A filter the file enables whose coefficient section receives nothing or zeros.
+  for (const auto& [enable, section] : kFilterCoefficients) {
+    bool enabled = false;
+    bool coefficients = false;
+    for (const TraceEvent& e : conversion.trace.events) {
+      if (e.kind == TraceKind::kField && e.value != 0 && FieldPathAt(e.block, e.offset) == enable) enabled = true;
+      if (e.kind == TraceKind::kRun && e.section == section && e.values != nullptr) {
+        for (size_t v = 0; v < e.written; ++v) coefficients = coefficients || e.values[v] != 0;
+      }
+    }
+    if (enabled && !coefficients) {
+      warn("filter-no-coefs", std::string(enable) + " enables the filter, but " +
+                                  qvrcs::Section(section).source + " gives it no non-zero coefficient for " + kRate +
+                                  ": the DSP filters with " + sectionName(section) + " as the template left it",
+           enable);
+    }
   }
 
   const Analysis a = Analyse(conversion);
-  for (const auto& walk : {a.rooms[0], a.rooms[1], a.rooms[2], a.hpeqs}) {
-    for (const LocatorOutcome& o : walk) {
-      if (!o.wrap.empty() && o.status == QVRCS_OK) warn("wrap16", o.wrap);
+  const SectionId roomSections[] = {SectionId::kMultichRoom, SectionId::kFrontRoom, SectionId::kWideRoom};
+  for (size_t r = 0; r < 3; ++r) {
+    const std::string at = sectionName(roomSections[r]);
+    // An empty uuid is skipped; when no other locator of the list loads, the
+    // slot keeps the template.
+    if (!a.Section(roomSections[r]).fromFile) {
+      for (const LocatorOutcome& o : a.rooms[r]) {
+        if (o.status != QVRCS_NOTHING_TO_LOAD) continue;
+        warn("room-no-uuid", o.locator + ": empty uuid: nothing is loaded and the DSP gets " + at +
+                                 " as the template left it",
+             at);
+      }
     }
+    for (const LocatorOutcome& o : a.rooms[r]) {
+      if (o.status != QVRCS_OK) continue;
+      if (!o.wrap.empty()) warn("wrap16", o.wrap, at);
+      for (const auto& [code, text] : o.problems) warn(code.c_str(), text, at);
+    }
+  }
+  const std::string hpeq = sectionName(SectionId::kHeadphoneEq);
+  for (const LocatorOutcome& o : a.hpeqs) {
+    if (!o.wrap.empty() && o.status == QVRCS_OK) warn("wrap16", o.wrap, hpeq);
   }
   // The Velmo coefficient runs, in block order.
   std::vector<const TraceEvent*> velmoRuns;
@@ -485,7 +573,7 @@ std::vector<Warning> FindSuspicious(const Conversion& conversion) {
   for (const TraceEvent* run : velmoRuns) {
     const std::string w = Coeff16Wrap(
         std::string(qvrcs::Section(run->section).source) + "[" + std::to_string(run->table.index) + "]", *run);
-    if (!w.empty()) warn("wrap16", w);
+    if (!w.empty()) warn("wrap16", w, sectionName(run->section));
   }
 
   // Headphone EQ: only the last locator counts, and a long filter is cut.
@@ -493,22 +581,25 @@ std::vector<Warning> FindSuspicious(const Conversion& conversion) {
     const LocatorOutcome& o = a.hpeqs[i];
     const bool last = i + 1 == a.hpeqs.size();
     if (o.status == QVRCS_NOTHING_TO_LOAD && last) {
-      warn("hpeq-unknown", o.locator + ": " + o.what + " (not an error for the configurator)");
+      warn("hpeq-unknown", o.locator + ": " + o.what + " (not an error for the configurator)", hpeq);
     } else if (o.status == QVRCS_NOTHING_TO_LOAD || (o.status < 0 && !last)) {
-      warn("hpeq-skipped", o.locator + ": " + o.what + "; forgiven, only the last locator's status counts");
+      warn("hpeq-skipped", o.locator + ": " + o.what + "; forgiven, only the last locator's status counts", hpeq);
     }
     if (o.status == QVRCS_OK && o.taps > 0) {
-      warn("hpeq-cut", o.locator + ": ihpirLength " + std::to_string(o.ihpirLength) + ": the DSP takes " +
-                           std::to_string(o.taps) + " taps per channel, the rest is cut");
+      warn("hpeq-cut",
+           o.locator + ": ihpirLength " + std::to_string(o.ihpirLength) + ": the DSP takes " +
+               std::to_string(o.taps) + " taps per channel, the rest is cut",
+           hpeq);
     }
     if (o.status != QVRCS_OK) continue;
-    for (const std::string& over : o.overruns) warn("coef-overrun", over);
+    for (const std::string& over : o.overruns) warn("coef-overrun", over, hpeq);
+    for (const auto& [code, text] : o.problems) warn(code.c_str(), text, hpeq);
   }
   for (const LocatorOutcome& o : a.aeqs) {
     if (o.status != QVRCS_OK) continue;
-    for (const std::string& over : o.overruns) warn("coef-overrun", over);
+    for (const std::string& over : o.overruns) warn("coef-overrun", over, sectionName(SectionId::kAeq));
   }
-  for (const std::string& over : a.overruns) warn("coef-overrun", over);
+  for (const auto& [section, over] : a.overruns) warn("coef-overrun", over, sectionName(section));
   return warnings;
 }
 

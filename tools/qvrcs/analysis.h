@@ -33,6 +33,8 @@ struct LocatorOutcome {
   size_t end = 0;           // one past the last byte written (0: not known)
   std::string wrap;         // coeff_16 values that do not fit 16 bits, or ""
   std::vector<std::string> overruns;  // runs past the record's own section
+  // What the DSP gets silently wrong from a record that loads: (code, text).
+  std::vector<std::pair<std::string, std::string>> problems;
 };
 
 // What one section of the postmix block past the control section got from
@@ -50,7 +52,8 @@ struct Analysis {
   std::vector<LocatorOutcome> hpeqs;
   std::vector<LocatorOutcome> aeqs;
   SectionOrigin sections[qvrcs::kPostmixSectionCount];  // by qvrcs::SectionId
-  std::vector<std::string> overruns;  // coefficient runs past their section, or not loaded
+  // Coefficient runs past their section, or not loaded, by the section they belong to.
+  std::vector<std::pair<qvrcs::SectionId, std::string>> overruns;
 
   const SectionOrigin& Section(qvrcs::SectionId id) const { return sections[static_cast<size_t>(id)]; }
 };
@@ -69,6 +72,9 @@ struct Warning {
   // sometimes relies on (a long headphone filter cut to 128 taps, a forgiven
   // headphone EQ locator). Shown in verbose and JSON output; never fails a check.
   bool note = false;
+  // Where explain shows it: a field path ("postmix.zell_input_gain[0]") or a
+  // section name ("front_room"); "" for the file as a whole.
+  std::string at;
 };
 
 // Data of the file that converts without an error but is almost certainly

@@ -1,20 +1,26 @@
 #include "tools/qvrcs/check.h"
 
 #include <google/protobuf/io/tokenizer.h>
+#include <sys/stat.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 
+#include "audioroute.pb.h"
 #include "configurator.pb.h"
 #include "configurator/config_file.h"
 #include "configurator/korva_driver.h"
 #include "configurator/settings.h"
 #include "qvrcs/qvrcs.h"
 #include "tools/qvrcs/analysis.h"
+#include "tools/qvrcs/io.h"
 #include "tools/qvrcs/tuning.h"
 
 namespace qvrcs_tool {
 namespace {
+
+using com::qvr::pb::wbn::AudioRoute;
 
 using com::qvr::korva::configurator::qdsp6::ConfiguratorConfig;
 
@@ -44,11 +50,68 @@ class ConfigErrors : public google::protobuf::io::ErrorCollector {
   std::vector<std::string>& out_;
 };
 
+// The outputs each slot's tuning is made for, as routes and the matching
+// output_device numbers: a file named for another output loads just as well
+// but tunes the wrong one.
+struct SlotRoutes {
+  const char* slot;
+  std::vector<AudioRoute> routes;
+};
+const SlotRoutes kSlotRoutes[] = {
+    {"attached0", {com::qvr::pb::wbn::AR_OUT_ATTACHED0}},
+    {"attached1", {com::qvr::pb::wbn::AR_OUT_ATTACHED1}},
+    {"lineout0", {com::qvr::pb::wbn::AR_OUT_LINEOUT}},
+    {"bluetooth0", {com::qvr::pb::wbn::AR_OUT_BLUETOOTH}},
+    {"combo0", {com::qvr::pb::wbn::AR_OUT_COMBO}},
+    {"other", {com::qvr::pb::wbn::AR_OUT_DIGITAL, com::qvr::pb::wbn::AR_OUT_ATTACHED2,
+               com::qvr::pb::wbn::AR_OUT_DEFAULT}},
+};
+
+// What of the file's route and output devices does not fit `slot`; "" when all fits.
+std::string RouteMismatch(const std::string& slot, const Conversion& conversion) {
+  const SlotRoutes* wanted = nullptr;
+  for (const SlotRoutes& entry : kSlotRoutes) {
+    if (slot == entry.slot) wanted = &entry;
+  }
+  if (wanted == nullptr || !conversion.selected()) return {};
+  auto fits = [&](int value) {
+    return std::any_of(wanted->routes.begin(), wanted->routes.end(), [&](AudioRoute r) { return r == value; });
+  };
+  std::string misfits;
+  auto add = [&](const std::string& what) { misfits += (misfits.empty() ? "" : ", ") + what; };
+  const AudioRoute route = conversion.reading->message.workspace(0).routeconfiguration(0).route();
+  if (!fits(route)) add("route " + com::qvr::pb::wbn::AudioRoute_Name(route));
+  const KorvaSettings& settings = conversion.settings();
+  if (settings.premix().has_output_device() && !fits(settings.premix().output_device())) {
+    add("premix.output_device " + std::to_string(settings.premix().output_device()));
+  }
+  if (settings.postmix().has_output_device() && !fits(settings.postmix().output_device())) {
+    add("postmix.output_device " + std::to_string(settings.postmix().output_device()));
+  }
+  if (misfits.empty()) return {};
+  std::string expected;
+  for (const AudioRoute r : wanted->routes) {
+    expected += (expected.empty() ? "" : " or ") + com::qvr::pb::wbn::AudioRoute_Name(r) + " (" +
+                std::to_string(static_cast<int>(r)) + ")";
+  }
+  return misfits + " of another output than " + slot + ", which takes " + expected +
+         ": the DSP applies this tuning to " + slot;
+}
+
 void CheckSlot(SlotReport& slot, CheckReport& report) {
   auto warn = [&](const char* code, std::string message, bool note) {
     report.warnings.push_back(CheckWarning{slot.slot, slot.filename, code, std::move(message), note});
   };
 
+  std::string error;
+  struct stat info {};
+  if (stat(slot.path.c_str(), &info) == 0 && !CheckRegularFile(slot.path, error)) {
+    // A FIFO, a device or a huge file: the reader would wait or read without end.
+    slot.readerStatus = qvr::kReaderFailed;
+    slot.meaning = "the tuning file is not a regular file of a size the reader can take";
+    slot.culprit = slot.path + ": " + error;
+    return;
+  }
   const ReaderRun run = RunReader(slot.path);
   const Conversion& conversion = *run.conversion;
   slot.readerStatus = conversion.readerStatus;
@@ -58,7 +121,6 @@ void CheckSlot(SlotReport& slot, CheckReport& report) {
   const qvr::ReaderStage stage = conversion.reading->stage;
   if (stage == qvr::ReaderStage::kCannotOpen || stage == qvr::ReaderStage::kUnparsable) {
     std::string bytes;
-    std::string error;
     if (!ReadBytes(slot.path, bytes, error)) {
       if (slot.loaded) {
         warn("unparsable",
@@ -88,6 +150,8 @@ void CheckSlot(SlotReport& slot, CheckReport& report) {
     slot.culprit = DiagnoseFailure(conversion.reading->message, conversion);
   }
   for (const Warning& w : FindSuspicious(conversion)) warn(w.code.c_str(), w.message, w.note);
+  const std::string route = RouteMismatch(slot.slot, conversion);
+  if (!route.empty()) warn("route", route, false);
 }
 
 }  // namespace
@@ -104,18 +168,30 @@ size_t CheckReport::Warnings() const {
   return count;
 }
 
-CheckReport Check(const std::string& dir) {
+CheckReport CheckFile(const std::string& path, const std::string& shown) {
+  CheckReport report;
+  report.searchPath = shown;
+  report.configOk = true;
+  SlotReport slot;
+  slot.slot = "-";
+  slot.filename = shown.substr(shown.rfind('/') + 1);
+  slot.path = path;
+  CheckSlot(slot, report);
+  report.slots.push_back(slot);
+  return report;
+}
+
+CheckReport Check(const std::string& dir, const std::string& devicePath) {
   CheckReport report;
   report.searchPath = dir;
   // The configurator joins its argument to an empty stored path: the result
   // is always rooted at "/".
-  report.storedPath = qvr::JoinPath("", dir);
-  if (dir.empty() || dir.front() != '/') {
+  report.storedPath = qvr::JoinPath("", devicePath);
+  if (devicePath.empty() || devicePath.front() != '/') {
     report.warnings.push_back(CheckWarning{
         "", "", "relative-path",
-        "search path \"" + dir + "\" is relative: the configurator roots it at \"/\" and would read " +
-            qvr::JoinPath(report.storedPath, qvr::kConfigFileName) + "; checked here relative to the "
-            "current directory",
+        "device search path \"" + devicePath + "\" is relative: the configurator roots it at \"/\" and would read " +
+            qvr::JoinPath(report.storedPath, qvr::kConfigFileName),
         false});
   }
 

@@ -46,8 +46,17 @@ struct CheckReport {
   size_t Warnings() const;  // notes excluded
 };
 
-// Reads DIR/configurator.cfg and runs every slot's tuning file through the
-// configurator's reader and converters.
-CheckReport Check(const std::string& dir);
+// The search path the boot service gives the configurator on the device.
+constexpr const char* kDevicePath = "/vendor/etc/qvr";
+
+// Reads DIR/configurator.cfg on the host and runs every slot's tuning file
+// through the configurator's reader and converters; `devicePath` is the
+// search path the configurator will be given on the device.
+CheckReport Check(const std::string& dir, const std::string& devicePath = kDevicePath);
+
+// One tuning file (binary, as the reader takes it) checked as a slot would
+// be, without a configuration file; the slot is named "-", the report's
+// search path `shown`.
+CheckReport CheckFile(const std::string& path, const std::string& shown);
 
 }  // namespace qvrcs_tool

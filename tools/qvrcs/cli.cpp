@@ -1,178 +1,104 @@
 // The command line of qvrcs: one function per command, each printing text
-// or (--json) one JSON document on standard output, and one-line errors.
-#include <google/protobuf/io/tokenizer.h>
-#include <google/protobuf/io/zero_copy_stream_impl_lite.h>
+// or (--json) one JSON document on standard output, status lines and
+// one-line errors on standard error.
 #include <google/protobuf/text_format.h>
 #include <google/protobuf/util/json_util.h>
-#include <sys/stat.h>
+#include <unistd.h>
 
 #include <CLI/CLI.hpp>
-#include <cerrno>
+#include <algorithm>
 #include <cstdio>
-#include <cstring>
-#include <fstream>
 #include <iomanip>
-#include <nlohmann/json.hpp>
-#include <sstream>
+#include <iostream>
+#include <thread>
 
 #include "configurator/payload.h"
 #include "qvrcs/qvrcs.h"
 #include "tools/qvrcs/analysis.h"
-#include "tools/qvrcs/check.h"
+#include "tools/qvrcs/check_command.h"
+#include "tools/qvrcs/command.h"
 #include "tools/qvrcs/explain.h"
+#include "tools/qvrcs/inputs.h"
+#include "tools/qvrcs/io.h"
 #include "tools/qvrcs/report.h"
+#include "tools/qvrcs/section_json.h"
 #include "tools/qvrcs/tool.h"
 #include "tools/qvrcs/tuning.h"
 
 namespace qvrcs_tool {
 namespace {
 
-using Json = nlohmann::ordered_json;
-
-struct Streams {
-  std::ostream& out;
-  std::ostream& err;
-
-  // "qvrcs: SUBJECT: what" on the error stream.
-  void Error(const std::string& subject, const std::string& what) const {
-    err << "qvrcs: " << (subject.empty() ? "" : subject + ": ") << what << "\n";
+// Writes `bytes` to `path`: "-" is standard output, anything else is written
+// through a temporary file and never onto one of `inputs`.
+bool Emit(const std::string& path, const std::string& bytes, const std::vector<std::string>& inputs,
+          const Streams& s) {
+  if (path == "-") {
+    s.out.write(bytes.data(), static_cast<std::streamsize>(bytes.size()));
+    s.out.flush();
+    return true;
   }
-};
+  std::string error;
+  if (WriteAtomically(path, bytes, inputs, error)) return true;
+  s.Error(Shown(path), error);
+  return false;
+}
 
-bool WriteFile(const std::string& path, const std::string& bytes, std::string& error) {
-  std::ofstream file(path, std::ios::binary | std::ios::trunc);
-  if (!file) {
-    error = std::string("cannot write: ") + std::strerror(errno);
-    return false;
-  }
-  file.write(bytes.data(), static_cast<std::streamsize>(bytes.size()));
-  file.close();
-  if (!file) {
-    error = "cannot write";
-    return false;
-  }
-  return true;
+// Reads one input as `options` say; false after a one-line error.
+bool Load(const std::string& path, const LoadOptions& options, LoadedInput& loaded, const Streams& s) {
+  std::string error;
+  if (LoadInput(path, options, s.in, loaded, error)) return true;
+  // Text errors start with "line:column: ".
+  const bool located = !error.empty() && error[0] >= '1' && error[0] <= '9';
+  s.Error(located ? Shown(path) + ":" + error.substr(0, error.find(": ")) : Shown(path),
+          located ? error.substr(error.find(": ") + 2) : error);
+  return false;
+}
+
+// --format, or a usage error.
+bool FormatOption(const std::string& name, Format& format, const Streams& s) {
+  if (ParseFormat(name, format)) return true;
+  s.Error("", "--format takes auto, binary, text or json, not \"" + name + "\"");
+  return false;
 }
 
 std::string StatusLine(int32_t status) {
   return std::to_string(status) + " (" + QVRCS_StatusText(status) + ")";
 }
 
-// ---- check -------------------------------------------------------------------
-
-struct CheckOptions {
-  std::string dir;
-  bool json = false;
-  bool warningsOk = false;
-  bool verbose = false;
-};
-
-int CheckCommand(const CheckOptions& o, const Streams& s) {
-  struct stat info {};
-  if (stat(o.dir.c_str(), &info) != 0 || !S_ISDIR(info.st_mode)) {
-    s.Error(o.dir, stat(o.dir.c_str(), &info) != 0 ? std::string("cannot open: ") + std::strerror(errno)
-                                                   : "not a directory");
-    return kExitBadInput;
-  }
-  const CheckReport report = Check(o.dir);
-  const bool failed = report.Failures() > 0;
-  const bool warned = report.Warnings() > 0;
-  const int status = failed || (warned && !o.warningsOk) ? kExitFindings : kExitOk;
-
-  if (o.json) {
-    Json j;
-    j["search_path"] = report.searchPath;
-    j["stored_search_path"] = report.storedPath;
-    j["config"] = {{"path", report.configPath}, {"ok", report.configOk}, {"errors", report.configErrors}};
-    Json slots = Json::array();
-    for (const SlotReport& slot : report.slots) {
-      Json js = {{"slot", slot.slot},
-                 {"cache_block", slot.index},
-                 {"file", slot.filename},
-                 {"path", slot.path},
-                 {"device_bitmask", slot.deviceBitmask},
-                 {"loaded", slot.loaded},
-                 {"reader_status", slot.readerStatus},
-                 {"parsed", slot.parsed},
-                 {"premix_status", slot.premixStatus},
-                 {"postmix_status", slot.postmixStatus}};
-      if (!slot.loaded) {
-        js["meaning"] = slot.meaning;
-        js["culprit"] = slot.culprit;
-      }
-      if (o.verbose) js["log"] = slot.log;
-      slots.push_back(js);
-    }
-    j["slots"] = slots;
-    Json warnings = Json::array();
-    for (const CheckWarning& w : report.warnings) {
-      warnings.push_back({{"slot", w.slot},
-                          {"file", w.file},
-                          {"level", w.note ? "note" : "warning"},
-                          {"code", w.code},
-                          {"message", w.message}});
-    }
-    j["warnings"] = warnings;
-    j["failures"] = report.Failures();
-    j["warning_count"] = report.Warnings();
-    j["exit_status"] = status;
-    s.out << j.dump(2) << "\n";
-    return status;
-  }
-
-  s.out << "search path " << report.searchPath << " (the configurator stores it as " << report.storedPath
-        << ")\n";
-  if (!report.configOk) {
-    for (const std::string& e : report.configErrors) s.out << "error: " << e << "\n";
-    s.out << "the configurator would log \"*** Error parsing ConfiguratorConfig protocol buffer ***\" or fail "
-             "to open it, and load no slot\n";
-  }
-  for (const SlotReport& slot : report.slots) {
-    char bitmask[16];
-    std::snprintf(bitmask, sizeof bitmask, "0x%X", slot.deviceBitmask);
-    s.out << std::left << std::setw(11) << slot.slot << std::setw(22) << slot.filename;
-    if (slot.loaded) {
-      s.out << "loaded";
-    } else {
-      s.out << "FAILS: reader " << slot.readerStatus << ", " << slot.meaning;
-    }
-    s.out << std::right << "\n";
-    if (!slot.loaded && !slot.culprit.empty()) s.out << "           cause: " << slot.culprit << "\n";
-    if (o.verbose) {
-      s.out << "           cache block " << slot.index << ", devices " << bitmask << ", " << slot.path << "\n";
-      std::istringstream log(slot.log);
-      for (std::string line; std::getline(log, line);) s.out << "           log: " << line << "\n";
-    }
-  }
-  for (const CheckWarning& w : report.warnings) {
-    if (w.note && !o.verbose) continue;
-    s.out << (w.note ? "note: " : "warning: ") << (w.slot.empty() ? "" : w.slot + " " + w.file + ": ") << w.message
-          << " [" << w.code << "]\n";
-  }
-  if (report.configOk) {
-    const size_t loaded = report.slots.size() - report.Failures();
-    s.out << loaded << " of " << report.slots.size() << " slots load";
-  } else {
-    s.out << "configurator.cfg fails";
-  }
-  s.out << ", " << report.Warnings() << " warning" << (report.Warnings() == 1 ? "" : "s") << "\n";
-  return status;
-}
-
 // ---- explain / diff ------------------------------------------------------------
 
-std::string KindOf(const View& v) { return v.isPayload ? "payload" : "tuning"; }
+std::string Hex32(uint32_t value) {
+  char text[16];
+  std::snprintf(text, sizeof text, "0x%08X", value);
+  return text;
+}
 
-std::string Outcome(const View& v) {
-  if (v.isPayload) return "origins are relative to the templates";
-  if (!v.converted) return "the configurator would not upload it: " + v.failure;
-  if (v.premixStatus == 0 && v.postmixStatus == 0) return "premix 0, postmix 0: the configurator uploads it";
-  return "premix " + std::to_string(v.premixStatus) + ", postmix " + StatusLine(v.postmixStatus) +
+std::string Outcome(const LoadedInput& in, const View& v) {
+  std::string text = v.path + ": " + in.form;
+  if (in.hasDescriptor) {
+    text += "; descriptor id " + Hex32(in.descriptorId) + ", size " + std::to_string(in.descriptorSize) +
+            ", offset " + std::to_string(in.descriptorOffset) + ", device " + Hex32(in.descriptorDevice);
+  }
+  if (v.isPayload) return text + "; origins are relative to the templates";
+  if (!v.converted) return text + "; the configurator would not upload it: " + v.failure;
+  if (v.premixStatus == 0 && v.postmixStatus == 0) return text + "; premix 0, postmix 0: the configurator uploads it";
+  return text + "; premix " + std::to_string(v.premixStatus) + ", postmix " + StatusLine(v.postmixStatus) +
          ": the configurator would not upload it; blocks shown as the converters left them" +
          (v.failure.empty() ? "" : "\n  cause: " + v.failure);
 }
 
-Json RowJson(const Row& r) {
+Json WarningsJson(const std::vector<Warning>& warnings) {
+  Json list = Json::array();
+  for (const Warning& w : warnings) {
+    list.push_back({{"level", w.note ? "note" : "warning"}, {"code", w.code}, {"message", w.message}, {"at", w.at}});
+  }
+  return list;
+}
+
+std::string WarningLine(const Warning& w) { return (w.note ? "note: " : "warning: ") + w.message + " [" + w.code + "]"; }
+
+// A row as data; a section's bytes decoded into `data`.
+Json RowJson(const View& v, const Row& r) {
   Json j = {{"block", r.block},
             {"name", r.name},
             {"offset", r.offset},
@@ -181,20 +107,29 @@ Json RowJson(const Row& r) {
             {"width", r.width},
             {"origin", r.origin}};
   if (r.isField) j["value"] = r.value;
-  if (!r.holds.empty()) j["holds"] = r.holds;
+  const Json data = SectionData(v.payload, r);
+  if (!data.is_null()) j["data"] = data;
   if (!r.source.empty()) j["source"] = r.source;
   if (!r.note.empty()) j["note"] = r.note;
+  if (!r.warnings.empty()) j["warnings"] = WarningsJson(r.warnings);
   return j;
 }
 
-Json ViewJson(const View& v) {
-  Json j = {{"file", v.path}, {"kind", KindOf(v)}};
+Json ViewJson(const LoadedInput& in, const View& v) {
+  Json j = {{"file", v.path}, {"kind", v.isPayload ? "payload" : "tuning"}, {"form", in.form}};
+  if (in.hasDescriptor) {
+    j["descriptor"] = {{"id", in.descriptorId},
+                       {"size", in.descriptorSize},
+                       {"offset", in.descriptorOffset},
+                       {"device", in.descriptorDevice}};
+  }
   if (!v.isPayload) {
     j["converted"] = v.converted;
     j["premix_status"] = v.premixStatus;
     j["postmix_status"] = v.postmixStatus;
     j["loads"] = v.converted && v.premixStatus == 0 && v.postmixStatus == 0;
     if (!v.failure.empty()) j["failure"] = v.failure;
+    j["warnings"] = WarningsJson(v.warnings);
   }
   return j;
 }
@@ -206,6 +141,7 @@ void PrintRow(std::ostream& out, const Row& r) {
         << std::setw(11) << r.value << "  " << r.origin;
     if (!r.note.empty()) out << " (" << r.note << ")";
     out << "\n";
+    for (const Warning& w : r.warnings) out << "              " << WarningLine(w) << "\n";
     return;
   }
   out << std::setw(5) << r.size << "B  " << std::left << std::setw(22) << r.name << std::right << r.origin;
@@ -213,6 +149,7 @@ void PrintRow(std::ostream& out, const Row& r) {
   out << "\n";
   if (!r.note.empty()) out << "              " << r.note << "\n";
   out << "              holds " << r.holds << "\n";
+  for (const Warning& w : r.warnings) out << "              " << WarningLine(w) << "\n";
 }
 
 void PrintHeading(std::ostream& out, const std::string& block, const std::string& last) {
@@ -228,36 +165,53 @@ void PrintHeading(std::ostream& out, const std::string& block, const std::string
   }
 }
 
+// How explain and diff read their inputs.
+struct ViewOptions {
+  std::string format = "auto";
+  bool payload = false;
+  int block = -1;
+
+  bool Load(const std::string& path, LoadedInput& loaded, const Streams& s) const {
+    LoadOptions options;
+    options.deviceSide = payload;
+    options.block = block;
+    return FormatOption(format, options.format, s) && qvrcs_tool::Load(path, options, loaded, s);
+  }
+};
+
 struct ExplainOptions {
   std::string file;
+  ViewOptions view;
   bool json = false;
-  bool payload = false;
   bool changed = false;
 };
 
-bool Read(const std::string& path, bool payload, Input& input, const Streams& s) {
-  std::string error;
-  if (ReadInput(path, payload ? InputKind::kPayload : InputKind::kAuto, input, error)) return true;
-  s.Error(path, error);
-  return false;
-}
-
 int ExplainCommand(const ExplainOptions& o, const Streams& s) {
-  Input input;
-  if (!Read(o.file, o.payload, input, s)) return kExitBadInput;
-  const View view = BuildView(input);
-  auto shown = [&](const Row& r) { return !o.changed || (r.origin != "template" && r.origin != "zero"); };
+  LoadedInput input;
+  if (!o.view.Load(o.file, input, s)) return kExitBadInput;
+  const View view = BuildView(input.input);
+  auto shown = [&](const Row& r) {
+    return !o.changed || (r.origin != "template" && r.origin != "zero") || !r.warnings.empty();
+  };
+  // A tuning file the configurator would not upload is a finding, as for convert.
+  const bool loads = view.isPayload || (view.converted && view.premixStatus == 0 && view.postmixStatus == 0);
+  const int status = loads ? kExitOk : kExitFindings;
   if (o.json) {
-    Json j = ViewJson(view);
+    Json j = Document("explain");
+    const Json about = ViewJson(input, view);
+    for (const auto& [key, value] : about.items()) j[key] = value;
     Json rows = Json::array();
     for (const Row& r : view.rows) {
-      if (shown(r)) rows.push_back(RowJson(r));
+      if (shown(r)) rows.push_back(RowJson(view, r));
     }
     j["rows"] = rows;
-    s.out << j.dump(2) << "\n";
-    return kExitOk;
+    s.out << JsonText(j) << "\n";
+    return status;
   }
-  s.out << view.path << ": " << KindOf(view) << " file; " << Outcome(view) << "\n";
+  s.out << Outcome(input, view) << "\n";
+  for (const Warning& w : view.warnings) {
+    if (w.at.empty()) s.out << WarningLine(w) << "\n";
+  }
   std::string last;
   for (const Row& r : view.rows) {
     if (!shown(r)) continue;
@@ -265,41 +219,64 @@ int ExplainCommand(const ExplainOptions& o, const Streams& s) {
     last = r.block;
     PrintRow(s.out, r);
   }
-  return kExitOk;
+  return status;
 }
 
 struct DiffOptions {
   std::string a;
   std::string b;
+  ViewOptions view;
   bool json = false;
-  bool payload = false;
 };
 
 int DiffCommand(const DiffOptions& o, const Streams& s) {
-  Input a;
-  Input b;
-  const bool readA = Read(o.a, o.payload, a, s);
-  const bool readB = Read(o.b, o.payload, b, s);
+  if (o.a == "-" && o.b == "-") {
+    s.Error("", "only one input can be standard input (see qvrcs diff --help)");
+    return kExitUsage;
+  }
+  LoadedInput a;
+  LoadedInput b;
+  const bool readA = o.view.Load(o.a, a, s);
+  const bool readB = o.view.Load(o.b, b, s);
   if (!readA || !readB) return kExitBadInput;
-  const View va = BuildView(a);
-  const View vb = BuildView(b);
+  const View va = BuildView(a.input);
+  const View vb = BuildView(b.input);
   const auto diffs = DiffViews(va, vb);
+  // What check says of one file and not of the other (the blocks may agree:
+  // entries past a repeated field's slots change nothing the DSP gets).
+  auto only = [](const View& x, const View& y) {
+    std::vector<Warning> list;
+    for (const Warning& w : x.warnings) {
+      const bool shared = std::any_of(y.warnings.begin(), y.warnings.end(), [&](const Warning& other) {
+        return other.code == w.code && other.message == w.message;
+      });
+      if (!shared) list.push_back(w);
+    }
+    return list;
+  };
+  const std::vector<Warning> onlyA = only(va, vb);
+  const std::vector<Warning> onlyB = only(vb, va);
+  const int status = diffs.empty() && onlyA.empty() && onlyB.empty() ? kExitOk : kExitFindings;
   if (o.json) {
-    Json j = {{"a", ViewJson(va)}, {"b", ViewJson(vb)}};
+    Json j = Document("diff");
+    j["a"] = ViewJson(a, va);
+    j["b"] = ViewJson(b, vb);
     Json rows = Json::array();
     for (const auto& [ra, rb] : diffs) {
       const RowDifference d = CompareRow(va, vb, ra);
       Json row = {{"block", ra.block}, {"name", ra.name}, {"offset", ra.offset}, {"size", ra.size},
                   {"width", ra.width}, {"values_differing", d.values}, {"values", d.total},
-                  {"first_offset", d.firstOffset}, {"a", RowJson(ra)}, {"b", RowJson(rb)}};
+                  {"first_offset", d.firstOffset}, {"a", RowJson(va, ra)}, {"b", RowJson(vb, rb)}};
       rows.push_back(row);
     }
     j["differences"] = rows;
-    s.out << j.dump(2) << "\n";
-    return diffs.empty() ? kExitOk : kExitFindings;
+    j["warnings_only_in_a"] = WarningsJson(onlyA);
+    j["warnings_only_in_b"] = WarningsJson(onlyB);
+    s.out << JsonText(j) << "\n";
+    return status;
   }
-  s.out << "a: " << va.path << ": " << KindOf(va) << " file; " << Outcome(va) << "\n";
-  s.out << "b: " << vb.path << ": " << KindOf(vb) << " file; " << Outcome(vb) << "\n";
+  s.out << "a: " << Outcome(a, va) << "\n";
+  s.out << "b: " << Outcome(b, vb) << "\n";
   std::string last;
   for (const auto& [ra, rb] : diffs) {
     PrintHeading(s.out, ra.block, last);
@@ -320,26 +297,67 @@ int DiffCommand(const DiffOptions& o, const Streams& s) {
             << "                 holds " << r->holds << "\n";
     }
   }
-  s.out << diffs.size() << (diffs.size() == 1 ? " field or section differs" : " fields or sections differ")
-        << "\n";
-  return diffs.empty() ? kExitOk : kExitFindings;
+  for (const Warning& w : onlyA) s.out << "a only: " << WarningLine(w) << "\n";
+  for (const Warning& w : onlyB) s.out << "b only: " << WarningLine(w) << "\n";
+  s.out << diffs.size() << (diffs.size() == 1 ? " field or section differs" : " fields or sections differ");
+  const size_t differing = onlyA.size() + onlyB.size();
+  if (differing > 0) s.out << ", " << differing << (differing == 1 ? " warning differs" : " warnings differ");
+  s.out << "\n";
+  return status;
 }
 
 // ---- convert -------------------------------------------------------------------
 
+// How convert, dump and encode read a tuning file.
+struct TuningOptions {
+  std::string format = "auto";
+
+  bool Load(const std::string& path, LoadedInput& loaded, const Streams& s) const {
+    LoadOptions options;
+    options.tuningOnly = true;
+    return FormatOption(format, options.format, s) && qvrcs_tool::Load(path, options, loaded, s);
+  }
+};
+
 struct ConvertOptions {
   std::string file;
   std::string output;
+  TuningOptions tuning;
   bool json = false;
 };
 
 int ConvertCommand(const ConvertOptions& o, const Streams& s) {
+  if (o.json && o.output == "-") {
+    s.Error("", "--json writes to standard output: give the payload a file with -o (see qvrcs convert --help)");
+    return kExitUsage;
+  }
+  std::string bytes;
   std::string error;
-  if (!CheckFile(o.file, error)) {
-    s.Error(o.file, error);
+  if (!(o.file == "-" ? ReadStream(s.in, bytes, error) : ReadRegularFile(o.file, bytes, error))) {
+    s.Error(Shown(o.file), error);
     return kExitBadInput;
   }
-  const ReaderRun run = RunReader(o.file);
+  Format format = Format::kAuto;
+  if (!FormatOption(o.tuning.format, format, s)) return kExitUsage;
+  // The reader takes a binary file by name, parsable or not; a text file or
+  // standard input goes to it as a binary copy.
+  std::string readerPath = o.file;
+  TempFile copy;
+  if (o.file == "-" || (format == Format::kAuto ? SniffFormat(bytes) : format) != Format::kBinary) {
+    Qvrcs message;
+    Format used = Format::kBinary;
+    const bool parsed = ParseTuningAs(bytes, format, message, used, error);
+    if (!parsed && used != Format::kBinary) {
+      s.Error(Shown(o.file) + ":" + error.substr(0, error.find(": ")), error.substr(error.find(": ") + 2));
+      return kExitBadInput;
+    }
+    if (!copy.Write(used == Format::kBinary ? bytes : message.SerializeAsString(), error)) {
+      s.Error(Shown(o.file), error);
+      return kExitBadInput;
+    }
+    readerPath = copy.path();
+  }
+  const ReaderRun run = RunReader(readerPath);
   const Conversion& conversion = *run.conversion;
   const bool parsed = conversion.reading->stage != qvr::ReaderStage::kUnparsable;
   std::string problem;
@@ -352,22 +370,24 @@ int ConvertCommand(const ConvertOptions& o, const Streams& s) {
     problem = "does not parse as a tuning file: the configurator uploads this all-zero payload and logs no error";
   }
   const bool write = conversion.readerStatus == 0;
-  if (write && !WriteFile(o.output, std::string(run.payload.begin(), run.payload.end()), error)) {
-    s.Error(o.output, error);
+  if (write && !Emit(o.output, std::string(run.payload.begin(), run.payload.end()), {o.file}, s)) {
     return kExitBadInput;
   }
   if (o.json) {
-    Json j = {{"file", o.file},     {"output", write ? Json(o.output) : Json(nullptr)},
-              {"bytes", write ? run.payload.size() : 0}, {"reader_status", conversion.readerStatus},
-              {"parsed", parsed}};
+    Json j = Document("convert");
+    j["file"] = o.file;
+    j["output"] = write ? Json(o.output) : Json(nullptr);
+    j["bytes"] = write ? run.payload.size() : 0;
+    j["reader_status"] = conversion.readerStatus;
+    j["parsed"] = parsed;
     if (!problem.empty()) j["problem"] = problem;
-    s.out << j.dump(2) << "\n";
+    s.out << JsonText(j) << "\n";
   } else if (write) {
-    s.out << o.file << " -> " << o.output << ": " << run.payload.size() << " bytes, reader status " << conversion.readerStatus
-          << "\n";
+    s.Status(Shown(o.file) + " -> " + o.output + ": " + std::to_string(run.payload.size()) + " bytes, reader status " +
+             std::to_string(conversion.readerStatus));
   }
   if (!problem.empty()) {
-    s.Error(o.file, problem);
+    s.Error(Shown(o.file), problem);
     return kExitFindings;
   }
   return kExitOk;
@@ -375,161 +395,246 @@ int ConvertCommand(const ConvertOptions& o, const Streams& s) {
 
 // ---- dump / encode -------------------------------------------------------------
 
+// Replaces, in every string field of `message`, the bytes that are not UTF-8
+// by their "\xNN" escapes (the JSON printer would drop them).
+void MakeStringsUtf8Safe(google::protobuf::Message& message) {
+  const google::protobuf::Reflection* reflection = message.GetReflection();
+  std::vector<const google::protobuf::FieldDescriptor*> fields;
+  reflection->ListFields(message, &fields);
+  for (const google::protobuf::FieldDescriptor* field : fields) {
+    if (field->cpp_type() == google::protobuf::FieldDescriptor::CPPTYPE_MESSAGE) {
+      if (field->is_repeated()) {
+        for (int i = 0; i < reflection->FieldSize(message, field); ++i) {
+          MakeStringsUtf8Safe(*reflection->MutableRepeatedMessage(&message, field, i));
+        }
+      } else {
+        MakeStringsUtf8Safe(*reflection->MutableMessage(&message, field));
+      }
+    } else if (field->type() == google::protobuf::FieldDescriptor::TYPE_STRING) {
+      if (field->is_repeated()) {
+        for (int i = 0; i < reflection->FieldSize(message, field); ++i) {
+          reflection->SetRepeatedString(&message, field, i,
+                                        Utf8Safe(reflection->GetRepeatedString(message, field, i)));
+        }
+      } else {
+        reflection->SetString(&message, field, Utf8Safe(reflection->GetString(message, field)));
+      }
+    }
+  }
+}
+
 struct DumpOptions {
   std::string file;
   std::string output;
+  TuningOptions tuning;
   bool json = false;
 };
 
 int DumpCommand(const DumpOptions& o, const Streams& s) {
-  Input input;
-  std::string error;
-  if (!ReadInput(o.file, InputKind::kTuning, input, error)) {
-    s.Error(o.file, error);
-    return kExitBadInput;
-  }
+  LoadedInput input;
+  if (!o.tuning.Load(o.file, input, s)) return kExitBadInput;
+  Qvrcs& message = *input.input.tuning;
   std::string text;
   if (o.json) {
     google::protobuf::util::JsonPrintOptions options;
     options.add_whitespace = true;
     options.preserve_proto_field_names = true;
-    if (!google::protobuf::util::MessageToJsonString(*input.tuning, &text, options).ok()) {
-      s.Error(o.file, "cannot be written as JSON");
+    MakeStringsUtf8Safe(message);
+    if (!google::protobuf::util::MessageToJsonString(message, &text, options).ok()) {
+      s.Error(Shown(o.file), "cannot be written as JSON");
       return kExitBadInput;
     }
   } else {
     google::protobuf::TextFormat::Printer printer;
     // Fields this schema does not know could not be encoded back.
     printer.SetHideUnknownFields(true);
-    printer.PrintToString(*input.tuning, &text);
-    if (!input.tuning->GetReflection()->GetUnknownFields(*input.tuning).empty()) {
-      s.Error(o.file, "warning: holds fields this schema does not know; they are left out");
+    // Repeated numbers on one line: a headphone file stays a few hundred lines.
+    printer.SetUseShortRepeatedPrimitives(true);
+    printer.PrintToString(message, &text);
+    if (!message.GetReflection()->GetUnknownFields(message).empty()) {
+      s.Error(Shown(o.file), "warning: holds fields this schema does not know; they are left out");
     }
   }
-  if (o.output.empty() || o.output == "-") {
-    s.out << text;
-    return kExitOk;
-  }
-  if (!WriteFile(o.output, text, error)) {
-    s.Error(o.output, error);
-    return kExitBadInput;
-  }
-  return kExitOk;
+  if (message.ByteSizeLong() == 0) s.Error(Shown(o.file), "note: an empty message, no field is set");
+  return Emit(o.output.empty() ? "-" : o.output, text, {o.file}, s) ? kExitOk : kExitBadInput;
 }
-
-// Text-format errors as "qvrcs: FILE:line:column: message".
-class TextErrors : public google::protobuf::io::ErrorCollector {
- public:
-  TextErrors(const std::string& path, const Streams& s) : path_(path), s_(s) {}
-  void AddError(int line, int column, const std::string& message) override {
-    s_.Error(line < 0 ? path_ : path_ + ":" + std::to_string(line + 1) + ":" + std::to_string(column + 1), message);
-  }
-  void AddWarning(int line, int column, const std::string& message) override {
-    s_.Error(path_ + ":" + std::to_string(line + 1) + ":" + std::to_string(column + 1), "warning: " + message);
-  }
-
- private:
-  std::string path_;
-  const Streams& s_;
-};
 
 struct EncodeOptions {
   std::string text;
   std::string output;
+  TuningOptions tuning;
   bool json = false;
 };
 
 int EncodeCommand(const EncodeOptions& o, const Streams& s) {
-  std::string text;
-  std::string error;
-  if (!ReadBytes(o.text, text, error)) {
-    s.Error(o.text, error);
-    return kExitBadInput;
+  if (o.json && o.output == "-") {
+    s.Error("", "--json writes to standard output: give the tuning file a name with -o (see qvrcs encode --help)");
+    return kExitUsage;
   }
-  Qvrcs message;
-  TextErrors errors(o.text, s);
-  google::protobuf::TextFormat::Parser parser;
-  parser.RecordErrorsTo(&errors);
-  if (!parser.ParseFromString(text, &message)) return kExitBadInput;
+  LoadedInput input;
+  if (!o.tuning.Load(o.text, input, s)) return kExitBadInput;
   std::string bytes;
-  if (!message.SerializeToString(&bytes)) {
-    s.Error(o.text, "cannot be encoded");
+  if (!input.input.tuning->SerializeToString(&bytes)) {
+    s.Error(Shown(o.text), "cannot be encoded");
     return kExitBadInput;
   }
-  if (!WriteFile(o.output, bytes, error)) {
-    s.Error(o.output, error);
-    return kExitBadInput;
-  }
+  if (bytes.empty()) s.Error(Shown(o.text), "note: an empty message: the tuning file written is 0 bytes");
+  if (!Emit(o.output, bytes, {o.text}, s)) return kExitBadInput;
   if (o.json) {
-    s.out << Json{{"text", o.text}, {"output", o.output}, {"bytes", bytes.size()}}.dump(2) << "\n";
+    Json j = Document("encode");
+    j["text"] = o.text;
+    j["output"] = o.output;
+    j["bytes"] = bytes.size();
+    s.out << JsonText(j) << "\n";
   } else {
-    s.out << o.text << " -> " << o.output << ": " << bytes.size() << " bytes\n";
+    s.Status(Shown(o.text) + " -> " + o.output + ": " + std::to_string(bytes.size()) + " bytes");
   }
   return kExitOk;
 }
 
-int RunCommands(const std::vector<std::string>& args, const Streams& s) {
+// ---- the command line ------------------------------------------------------------
+
+constexpr const char* kExitStatusText =
+    "Exit status: 0 success; 1 check found a failing slot, a slot that uploads a blank block or a warning, diff\n"
+    "found differences, or explain or convert found a file the configurator would not upload (convert: or\n"
+    "uploads blank); 2 bad command line; 3 an input is missing, unreadable or of the wrong kind.\n"
+    "FILE may be \"-\" for standard input, and -o - writes to standard output. Tuning files are taken in their\n"
+    "binary form, in protobuf text format or as the JSON of dump --json, recognised by content (--format).\n"
+    "explain and diff also take device-side data: a 61664-byte payload, a 61680-byte upload captured from the\n"
+    "driver and a 369984-byte dump of the driver cache (--block N).";
+
+// Edit distance, for suggesting the command meant.
+size_t Distance(const std::string& a, const std::string& b) {
+  std::vector<size_t> row(b.size() + 1);
+  for (size_t j = 0; j <= b.size(); ++j) row[j] = j;
+  for (size_t i = 1; i <= a.size(); ++i) {
+    size_t diagonal = row[0];
+    row[0] = i;
+    for (size_t j = 1; j <= b.size(); ++j) {
+      const size_t above = row[j];
+      row[j] = std::min({row[j] + 1, row[j - 1] + 1, diagonal + (a[i - 1] == b[j - 1] ? 0 : 1)});
+      diagonal = above;
+    }
+  }
+  return row[b.size()];
+}
+
+// The first argument that is not an option must name a command.
+bool KnownCommand(const CLI::App& app, const std::vector<std::string>& args, const Streams& s) {
+  for (const std::string& arg : args) {
+    if (!arg.empty() && arg[0] == '-') continue;
+    std::string nearest;
+    size_t best = 3;  // suggest only what is close
+    for (const CLI::App* sub : app.get_subcommands([](const CLI::App*) { return true; })) {
+      if (sub->get_name() == arg) return true;
+      const size_t d = Distance(arg, sub->get_name());
+      if (d < best) {
+        best = d;
+        nearest = sub->get_name();
+      }
+    }
+    s.Error("", "unknown command \"" + arg + "\"" + (nearest.empty() ? "" : "; did you mean \"" + nearest + "\"?") +
+                    " (see qvrcs --help)");
+    return false;
+  }
+  return true;
+}
+
+unsigned AllCores() { return std::max(1u, std::thread::hardware_concurrency()); }
+
+int RunCommands(const std::vector<std::string>& args, Streams& s) {
   CLI::App app{"Checks, explains, converts, diffs, dumps and encodes tuning files with the configurator's own "
                "reader and converters.",
                "qvrcs"};
   app.require_subcommand(1);
-  app.footer(
-      "Exit status: 0 success; 1 check found a failing slot or a warning, diff found differences, or convert\n"
-      "found a file the configurator would not upload (or uploads blank); 2 bad command line; 3 an input is\n"
-      "missing, unreadable or of the wrong kind.\n"
-      "A payload file (explain, diff) is a file of exactly 61664 bytes that does not parse as a tuning file,\n"
-      "or any file given with --payload.");
+  app.fallthrough();
+  app.set_version_flag("--version", std::string("qvrcs ") + QVRCS_VERSION);
+  app.set_help_all_flag("--help-all", "every command's help");
+  app.add_flag("-q,--quiet", s.quiet, "no status lines or reports: errors and the exit status only");
 
   CheckOptions check;
-  CLI::App* checkCmd = app.add_subcommand("check", "Check a search path: configurator.cfg and every slot's file");
-  checkCmd->add_option("DIR", check.dir, "search path holding configurator.cfg")->required();
-  checkCmd->add_flag("--json", check.json, "machine-readable output");
+  check.batch.jobs = AllCores();
+  CLI::App* checkCmd = app.add_subcommand(
+      "check", "Check search paths (folders with configurator.cfg) and single tuning files, as the configurator "
+               "would load them");
+  checkCmd->add_option("INPUT", check.inputs, "search path holding configurator.cfg, or one tuning file")
+      ->required();
+  checkCmd->add_flag("--json", check.json, "one JSON document");
+  checkCmd->add_flag("--jsonl", check.jsonl, "one JSON line per slot, in input order");
+  checkCmd->add_option("-j,--jobs", check.batch.jobs, "inputs checked in parallel (default: all cores)")
+      ->check(CLI::PositiveNumber);
+  checkCmd->add_option("--device-path", check.batch.devicePath,
+                       "the search path the configurator is given on the device")
+      ->capture_default_str();
+  checkCmd->add_option("--format", check.format, "single tuning files: auto, binary, text or json");
   checkCmd->add_flag("--warnings-ok", check.warningsOk, "exit 0 when every slot loads, even with warnings");
   checkCmd->add_flag("-v,--verbose", check.verbose, "show the reader's log lines and notes");
+  checkCmd->get_option("--json")->excludes("--jsonl");
+
+  auto addViewOptions = [](CLI::App* cmd, ViewOptions& view) {
+    cmd->add_flag("--payload", view.payload, "take the input as device-side data (payload, upload or cache dump)");
+    cmd->add_option("--block", view.block, "the block of a driver cache dump, 0 to 5")->check(CLI::Range(0, 5));
+    cmd->add_option("--format", view.format, "tuning files: auto, binary, text or json");
+  };
 
   ExplainOptions explain;
   CLI::App* explainCmd = app.add_subcommand("explain", "Every field of the premix and postmix blocks of a file");
-  explainCmd->add_option("FILE", explain.file, "tuning file or payload file")->required();
-  explainCmd->add_flag("--json", explain.json, "machine-readable output");
-  explainCmd->add_flag("--payload", explain.payload, "take FILE as a cache block payload");
+  explainCmd->add_option("FILE", explain.file, "tuning file or device-side data")->required();
+  explainCmd->add_flag("--json", explain.json, "one JSON document");
   explainCmd->add_flag("--changed", explain.changed, "only what differs from the templates");
+  addViewOptions(explainCmd, explain.view);
 
   DiffOptions diff;
   CLI::App* diffCmd = app.add_subcommand("diff", "Fields and sections that differ between two files");
-  diffCmd->add_option("A", diff.a, "tuning file or payload file")->required();
-  diffCmd->add_option("B", diff.b, "tuning file or payload file")->required();
-  diffCmd->add_flag("--json", diff.json, "machine-readable output");
-  diffCmd->add_flag("--payload", diff.payload, "take both files as cache block payloads");
+  diffCmd->add_option("A", diff.a, "tuning file or device-side data")->required();
+  diffCmd->add_option("B", diff.b, "tuning file or device-side data")->required();
+  diffCmd->add_flag("--json", diff.json, "one JSON document");
+  addViewOptions(diffCmd, diff.view);
 
   ConvertOptions convert;
   CLI::App* convertCmd = app.add_subcommand("convert", "Write the 61664-byte payload the configurator uploads");
   convertCmd->add_option("FILE", convert.file, "tuning file")->required();
-  convertCmd->add_option("-o,--output", convert.output, "payload file to write")->required();
-  convertCmd->add_flag("--json", convert.json, "machine-readable output");
+  convertCmd->add_option("-o,--output", convert.output, "payload file to write, - for standard output")->required();
+  convertCmd->add_option("--format", convert.tuning.format, "auto, binary, text or json");
+  convertCmd->add_flag("--json", convert.json, "one JSON document");
 
   DumpOptions dump;
   CLI::App* dumpCmd = app.add_subcommand("dump", "Print a tuning file in protobuf text format");
   dumpCmd->add_option("FILE", dump.file, "tuning file")->required();
   dumpCmd->add_option("-o,--output", dump.output, "write the text here instead of standard output");
+  dumpCmd->add_option("--format", dump.tuning.format, "the input's form: auto, binary, text or json");
   dumpCmd->add_flag("--json", dump.json, "print the message as JSON instead of text format");
 
   EncodeOptions encode;
-  CLI::App* encodeCmd = app.add_subcommand("encode", "Encode a text-format tuning file into its binary form");
-  encodeCmd->add_option("TEXT", encode.text, "text-format tuning file")->required();
-  encodeCmd->add_option("-o,--output", encode.output, "tuning file to write")->required();
-  encodeCmd->add_flag("--json", encode.json, "machine-readable output");
+  CLI::App* encodeCmd = app.add_subcommand("encode", "Encode a text-format or JSON tuning file into its binary form");
+  encodeCmd->add_option("TEXT", encode.text, "text-format or JSON tuning file")->required();
+  encodeCmd->add_option("-o,--output", encode.output, "tuning file to write, - for standard output")->required();
+  encodeCmd->add_option("--format", encode.tuning.format, "the input's form: auto, text or json");
+  encodeCmd->add_flag("--json", encode.json, "one JSON document");
 
   FilterCommands filters;
   AddFilterCommands(app, filters);
 
+  // Set last: subcommands created after it would repeat it in their help.
+  app.footer(kExitStatusText);
+
+  if (!KnownCommand(app, args, s)) return kExitUsage;
   std::vector<std::string> reversed(args.rbegin(), args.rend());
   try {
     app.parse(reversed);
   } catch (const CLI::CallForHelp&) {
+    // The exit status paragraph belongs to the tool's own help only.
+    for (CLI::App* sub : app.get_subcommands()) {
+      s.out << sub->help();
+      return kExitOk;
+    }
     s.out << app.help();
     return kExitOk;
   } catch (const CLI::CallForAllHelp&) {
     s.out << app.help("", CLI::AppFormatMode::All);
+    return kExitOk;
+  } catch (const CLI::CallForVersion& e) {
+    s.out << e.what() << "\n";
     return kExitOk;
   } catch (const CLI::ParseError& e) {
     s.Error("", std::string(e.what()) + " (see qvrcs --help)");
@@ -547,8 +652,8 @@ int RunCommands(const std::vector<std::string>& args, const Streams& s) {
 
 }  // namespace
 
-int Run(const std::vector<std::string>& args, std::ostream& out, std::ostream& err) {
-  const Streams s{out, err};
+int Run(const std::vector<std::string>& args, std::istream& in, std::ostream& out, std::ostream& err) {
+  Streams s{in, out, err};
   // Our own code throws nothing; the libraries (allocation, CLI11, JSON) may.
   try {
     return RunCommands(args, s);
@@ -556,6 +661,11 @@ int Run(const std::vector<std::string>& args, std::ostream& out, std::ostream& e
     s.Error("", std::string("internal error: ") + e.what());
     return kExitBadInput;
   }
+}
+
+int Run(const std::vector<std::string>& args, std::ostream& out, std::ostream& err) {
+  std::istringstream none;
+  return Run(args, none, out, err);
 }
 
 }  // namespace qvrcs_tool

@@ -246,6 +246,16 @@ View BuildView(Input& input) {
   AddFields(view, "postmix", qvr::kPostmixPayloadOffset, qvrcs::PostmixControlFieldMap(), converted, templ);
   AddSections(view, analysis.get(), templ);
   AddFadeArea(view, "postmix_fade", qvr::kPostmixFadeOffset);
+  // What check warns of, at the field or section it concerns.
+  if (converted != nullptr) view.warnings = FindSuspicious(*converted);
+  for (const Warning& w : view.warnings) {
+    for (Row& row : view.rows) {
+      if (!w.at.empty() && row.name == w.at) {
+        row.warnings.push_back(w);
+        break;
+      }
+    }
+  }
   return view;
 }
 

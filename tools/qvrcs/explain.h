@@ -10,6 +10,7 @@
 #include <string>
 #include <vector>
 
+#include "tools/qvrcs/analysis.h"
 #include "tools/qvrcs/tuning.h"
 
 namespace qvrcs_tool {
@@ -27,6 +28,7 @@ struct Row {
   std::string source;     // sections: the record the data came from
   std::string note;       // how the value came about, what the section holds
   std::string holds;      // sections: the bytes, decoded
+  std::vector<Warning> warnings;  // what check warns of here
 };
 
 struct View {
@@ -38,6 +40,7 @@ struct View {
   std::string failure;           // why the configurator would not upload it, or ""
   std::vector<uint8_t> payload;  // as the blocks stand (a failed conversion: as far as it got)
   std::vector<Row> rows;
+  std::vector<Warning> warnings;  // every warning and note check gives the file
 };
 
 // Builds the view of one input.

@@ -11,6 +11,7 @@
 #include <sstream>
 
 #include "configurator/payload.h"
+#include "tools/qvrcs/io.h"
 
 namespace qvrcs_tool {
 namespace {
@@ -32,38 +33,8 @@ __attribute__((format(printf, 2, 0))) void CollectLine(void* context, const char
 
 void QuietProtobufLog() { google::protobuf::SetLogHandler(nullptr); }
 
-bool CheckFile(const std::string& path, std::string& error) {
-  struct stat info {};
-  if (stat(path.c_str(), &info) != 0) {
-    error = std::string("cannot open: ") + std::strerror(errno);
-    return false;
-  }
-  if (S_ISDIR(info.st_mode)) {
-    error = "is a directory, not a file";
-    return false;
-  }
-  if (access(path.c_str(), R_OK) != 0) {
-    error = std::string("cannot open: ") + std::strerror(errno);
-    return false;
-  }
-  return true;
-}
-
 bool ReadBytes(const std::string& path, std::string& bytes, std::string& error) {
-  if (!CheckFile(path, error)) return false;
-  std::ifstream in(path, std::ios::binary);
-  if (!in) {
-    error = std::string("cannot open: ") + std::strerror(errno);
-    return false;
-  }
-  std::ostringstream all;
-  all << in.rdbuf();
-  if (in.bad()) {
-    error = "cannot read";
-    return false;
-  }
-  bytes = all.str();
-  return true;
+  return ReadRegularFile(path, bytes, error);
 }
 
 bool ReadInput(const std::string& path, InputKind kind, Input& input, std::string& error) {

@@ -38,11 +38,7 @@ struct Input {
 // open: No such file or directory", "does not parse as a tuning file", ...).
 bool ReadInput(const std::string& path, InputKind kind, Input& input, std::string& error);
 
-// Whether `path` is a file that can be opened for reading; false with a
-// one-line reason.
-bool CheckFile(const std::string& path, std::string& error);
-
-// Reads the whole file; false with a one-line reason.
+// Reads the whole regular file (tools/qvrcs/io.h); false with a one-line reason.
 bool ReadBytes(const std::string& path, std::string& bytes, std::string& error);
 
 // Protobuf's own complaints (a message missing required fields) are kept out

@@ -1,0 +1,177 @@
+// Whole-process cost of `qvrcs check` over many search paths in one run,
+// side by side with bare_parse reading and parsing the same files in one
+// run: the check's overhead over the parse it cannot avoid. Each iteration
+// spawns one program and waits for it; its CPU time (user + system) comes
+// from its rusage. The check runs single-threaded (-j 1) for the CPU ratio,
+// and with -j 2 and more for the speed-up in wall time.
+//
+//   batch_check_bench [--benchmark_... options]
+//   QVR_BATCH_SETS  number of generated sets (default 1000)
+#include <benchmark/benchmark.h>
+#include <fcntl.h>
+#include <spawn.h>
+#include <sys/resource.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <map>
+#include <string>
+#include <vector>
+
+#include "configurator/config_file.h"
+#include "configurator/settings.h"
+
+extern char** environ;
+
+namespace {
+
+namespace fs = std::filesystem;
+
+struct Samples {
+  std::vector<double> cpu;   // seconds per run
+  std::vector<double> wall;  // seconds per run
+};
+
+double Median(std::vector<double> samples) {
+  if (samples.empty()) return 0;
+  std::sort(samples.begin(), samples.end());
+  const size_t middle = samples.size() / 2;
+  return samples.size() % 2 == 1 ? samples[middle] : (samples[middle - 1] + samples[middle]) / 2;
+}
+
+std::string g_scratch;
+std::vector<std::string> g_sets;   // search paths
+std::vector<std::string> g_files;  // every slot's file, in set order
+std::map<std::string, Samples> g_samples;
+
+// One set per folder: the example set's configurator.cfg and its six files,
+// linked rather than copied (the reading is the same).
+bool MakeSets(size_t count) {
+  const char* tmp = std::getenv("TMPDIR");
+  std::string pattern = std::string(tmp != nullptr && *tmp != '\0' ? tmp : "/tmp") + "/qvr_batch_XXXXXX";
+  if (mkdtemp(pattern.data()) == nullptr) return false;
+  g_scratch = pattern;
+  com::qvr::korva::configurator::qdsp6::ConfiguratorConfig config;
+  const std::string examples = QVR_EXAMPLES_DIR;
+  if (qvr::ReadConfiguratorConfig(qvr::JoinPath(examples, qvr::kConfigFileName), config, nullptr) !=
+      qvr::ConfigRead::kOk) {
+    return false;
+  }
+  for (size_t i = 0; i < count; ++i) {
+    const std::string dir = g_scratch + "/set" + std::to_string(i);
+    std::error_code error;
+    fs::create_directory(dir, error);
+    fs::create_hard_link(qvr::JoinPath(examples, qvr::kConfigFileName), qvr::JoinPath(dir, qvr::kConfigFileName),
+                         error);
+    if (error) return false;
+    for (const qvr::ConfigSlot& slot : qvr::kConfigSlots) {
+      const std::string name = (config.*slot.get)().filename();
+      const std::string file = qvr::JoinPath(dir, name);
+      if (!fs::exists(file)) fs::create_hard_link(qvr::JoinPath(examples, name), file, error);
+      if (error) return false;
+      g_files.push_back(file);
+    }
+    g_sets.push_back(dir);
+  }
+  return true;
+}
+
+bool RunChild(const std::vector<std::string>& argv, double& cpu, double& wall) {
+  std::vector<char*> args;
+  for (const std::string& arg : argv) args.push_back(const_cast<char*>(arg.c_str()));
+  args.push_back(nullptr);
+  posix_spawn_file_actions_t actions;
+  posix_spawn_file_actions_init(&actions);
+  posix_spawn_file_actions_addopen(&actions, 0, "/dev/null", O_RDONLY, 0);
+  posix_spawn_file_actions_addopen(&actions, 1, "/dev/null", O_WRONLY, 0);
+  posix_spawn_file_actions_addopen(&actions, 2, "/dev/null", O_WRONLY, 0);
+  const auto start = std::chrono::steady_clock::now();
+  pid_t pid = 0;
+  const int spawned = posix_spawn(&pid, args[0], &actions, nullptr, args.data(), environ);
+  posix_spawn_file_actions_destroy(&actions);
+  if (spawned != 0) return false;
+  int status = 0;
+  rusage usage{};
+  while (wait4(pid, &status, 0, &usage) < 0) {
+    if (errno != EINTR) return false;
+  }
+  wall = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+  const auto seconds = [](const timeval& t) { return static_cast<double>(t.tv_sec) + t.tv_usec / 1e6; };
+  // On Linux the child's rusage includes the workers it waited for.
+  cpu = seconds(usage.ru_utime) + seconds(usage.ru_stime);
+  return WIFEXITED(status) && WEXITSTATUS(status) == 0;
+}
+
+void Measure(benchmark::State& state, const std::string& name, const std::vector<std::string>& argv) {
+  Samples& samples = g_samples[name];
+  for (auto _ : state) {
+    double cpu = 0;
+    double wall = 0;
+    if (!RunChild(argv, cpu, wall)) {
+      state.SkipWithError((name + ": the run failed").c_str());
+      return;
+    }
+    state.SetIterationTime(wall);
+    samples.cpu.push_back(cpu);
+    samples.wall.push_back(wall);
+  }
+  state.counters["cpu_ms"] = 1e3 * Median(samples.cpu);
+}
+
+void BM_BareParse(benchmark::State& state) {
+  std::vector<std::string> argv = {QVR_BARE_PARSE_EXE};
+  argv.insert(argv.end(), g_files.begin(), g_files.end());
+  Measure(state, "bare", argv);
+}
+
+void BM_Check(benchmark::State& state) {
+  const std::string jobs = std::to_string(state.range(0));
+  std::vector<std::string> argv = {QVR_QVRCS_EXE, "-q", "check", "-j", jobs};
+  argv.insert(argv.end(), g_sets.begin(), g_sets.end());
+  Measure(state, "check -j " + jobs, argv);
+}
+
+void Summarise() {
+  const Samples& bare = g_samples["bare"];
+  const Samples& one = g_samples["check -j 1"];
+  if (bare.cpu.empty() || one.cpu.empty()) return;
+  std::printf("\n%zu sets of six slots, %zu runs each\n", g_sets.size(), bare.cpu.size());
+  for (const auto& [name, samples] : g_samples) {
+    std::printf("  %-14s cpu median %8.1f ms  wall median %8.1f ms\n", name.c_str(), 1e3 * Median(samples.cpu),
+                1e3 * Median(samples.wall));
+  }
+  const double ratio = Median(one.cpu) / Median(bare.cpu);
+  std::printf("  check -j 1 / bare parse, cpu: %.2f (goal <= 1.5: %s)\n", ratio, ratio <= 1.5 ? "met" : "MISSED");
+  for (const auto& [name, samples] : g_samples) {
+    if (name.rfind("check -j ", 0) != 0 || name == "check -j 1") continue;
+    std::printf("  %s speed-up in wall time over -j 1: %.2f\n", name.c_str(),
+                Median(one.wall) / Median(samples.wall));
+  }
+}
+
+}  // namespace
+
+BENCHMARK(BM_BareParse)->UseManualTime()->Unit(benchmark::kMillisecond)->Iterations(1);
+BENCHMARK(BM_Check)->Arg(1)->Arg(2)->UseManualTime()->Unit(benchmark::kMillisecond)->Iterations(1);
+
+int main(int argc, char** argv) {
+  const char* count = std::getenv("QVR_BATCH_SETS");
+  if (!MakeSets(count != nullptr ? std::strtoul(count, nullptr, 10) : 1000)) {
+    std::fprintf(stderr, "batch_check_bench: cannot set up the sets in %s\n", g_scratch.c_str());
+    return 1;
+  }
+  benchmark::Initialize(&argc, argv);
+  benchmark::RunSpecifiedBenchmarks();
+  benchmark::Shutdown();
+  Summarise();
+  std::error_code ignored;
+  fs::remove_all(g_scratch, ignored);
+  return 0;
+}

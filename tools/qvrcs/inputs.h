@@ -1,0 +1,54 @@
+// What qvrcs takes as input: tuning files in their binary form, in protobuf
+// text format or as the JSON `dump --json` writes, and the device side's
+// data: a cache block payload, an upload captured from the driver (its
+// descriptor decoded) and a dump of the whole driver cache (one block of it).
+#pragma once
+
+#include <cstdint>
+#include <istream>
+#include <string>
+
+#include "tools/qvrcs/tuning.h"
+
+namespace qvrcs_tool {
+
+// How a tuning file is written.
+enum class Format { kAuto, kBinary, kText, kJson };
+
+// "auto", "binary", "text", "json"; false for anything else.
+bool ParseFormat(const std::string& name, Format& format);
+const char* FormatName(Format format);
+
+struct LoadOptions {
+  Format format = Format::kAuto;  // kAuto: recognised by content
+  bool tuningOnly = false;        // refuse device-side data
+  bool deviceSide = false;        // take the file as device-side data only (--payload)
+  int block = -1;                 // cache dumps: the block to take (--block)
+};
+
+// One input as read.
+struct LoadedInput {
+  Input input;  // the tuning message, or the payload
+  Format format = Format::kBinary;  // tuning files: how it was written
+  std::string form;  // "tuning file", "text tuning file", "payload", "upload", "cache dump block 3"
+  bool hasDescriptor = false;  // an upload: its parameter descriptor
+  uint32_t descriptorId = 0;
+  int32_t descriptorSize = 0;
+  int32_t descriptorOffset = 0;
+  uint32_t descriptorDevice = 0;
+};
+
+// Reads `path` ("-": `in`) as `options` say. False with a one-line reason in
+// `error`; text errors name the line and column ("3:11: ...", prefixed by
+// the caller with the file name).
+bool LoadInput(const std::string& path, const LoadOptions& options, std::istream& in, LoadedInput& loaded,
+               std::string& error);
+
+// How `bytes` look: text, JSON or (anything else) binary; nothing is parsed.
+Format SniffFormat(const std::string& bytes);
+
+// Parses `bytes` as a tuning file written as `format` (kAuto: by content);
+// `used` is the form found. Errors as LoadInput's.
+bool ParseTuningAs(const std::string& bytes, Format format, Qvrcs& message, Format& used, std::string& error);
+
+}  // namespace qvrcs_tool
