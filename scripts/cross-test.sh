@@ -104,7 +104,7 @@ fi
 # ---- 3. Cross build and test suite -------------------------------------------------
 build=$root/build-cross/$arch
 cmake -S . -B "$build" -DCMAKE_TOOLCHAIN_FILE="$root/cmake/$triple.cmake" -DQVR_SYSROOT="$sysroot" \
-  -DCMAKE_BUILD_TYPE=RelWithDebInfo -DQVR_BUILD_BENCHMARKS=OFF -DQVR_BUILD_FUZZERS=OFF
+  -DCMAKE_BUILD_TYPE=Release -DQVR_BUILD_BENCHMARKS=OFF -DQVR_BUILD_FUZZERS=OFF
 cmake --build "$build" -j"$jobs"
 ctest --test-dir "$build" --output-on-failure -j"$jobs" "${ctest_filter[@]}"
 
