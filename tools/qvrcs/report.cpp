@@ -6,6 +6,7 @@
 #include <cstdio>
 #include <cstring>
 #include <fstream>
+#include <iostream>
 #include <iterator>
 #include <map>
 
@@ -16,6 +17,8 @@
 #include "tools/qvrcs/analysis.h"
 #include "tools/qvrcs/check.h"
 #include "tools/qvrcs/explain.h"
+#include "tools/qvrcs/inputs.h"
+#include "tools/qvrcs/io.h"
 #include "tools/qvrcs/plot.h"
 #include "tools/qvrcs/tool.h"
 
@@ -104,11 +107,12 @@ std::string UniqueIds(std::string svg, const std::string& prefix) {
 
 // The explain summary of the sections past the control section, and the plots.
 std::string FileSection(const std::string& path, int& figure) {
-  Input input;
+  LoadedInput loaded;
   std::string error;
-  if (!ReadInput(path, InputKind::kAuto, input, error)) {
+  if (!LoadInput(path, LoadOptions{}, std::cin, loaded, error)) {
     return "<p class=\"fails\">" + EscapeHtml(error) + "</p>\n";
   }
+  Input& input = loaded.input;
   // The explain view and the plots each take a conversion of their own.
   Input second;
   second.path = input.path;
@@ -211,13 +215,13 @@ int PlotCommand(const FilterCommands& c, std::ostream& out, std::ostream& err) {
   }
   std::vector<PlotFile> drawn;
   for (const std::string& path : files) {
-    Input input;
+    LoadedInput loaded;
     std::string error;
-    if (!ReadInput(path, InputKind::kAuto, input, error)) {
-      err << "qvrcs: " << path << ": " << error << "\n";
+    if (!LoadInput(path, LoadOptions{}, std::cin, loaded, error)) {
+      err << "qvrcs: " << Shown(path) << ": " << error << "\n";
       return kExitBadInput;
     }
-    drawn.push_back(PlotFile{path, FiltersOf(input, sections)});
+    drawn.push_back(PlotFile{path, FiltersOf(loaded.input, sections)});
   }
   std::string error;
   if (!DrawToFile(drawn, c.output, error)) {

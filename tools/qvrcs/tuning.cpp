@@ -37,42 +37,6 @@ bool ReadBytes(const std::string& path, std::string& bytes, std::string& error) 
   return ReadRegularFile(path, bytes, error);
 }
 
-bool ReadInput(const std::string& path, InputKind kind, Input& input, std::string& error) {
-  input = Input{};
-  input.path = path;
-  std::string bytes;
-  if (!ReadBytes(path, bytes, error)) return false;
-
-  const bool blockSized = bytes.size() == qvr::kCacheBlockSize;
-  if (kind == InputKind::kPayload) {
-    if (!blockSized) {
-      error = "not a payload: " + std::to_string(bytes.size()) + " bytes, a cache block payload has " +
-              std::to_string(qvr::kCacheBlockSize);
-      return false;
-    }
-  } else {
-    auto reading = std::make_unique<qvr::TuningReading>();
-    QuietProtobufLog();
-    if (qvr::ParseTuningBytes(bytes, reading->message)) {
-      input.reading = std::move(reading);
-      input.tuning = &input.reading->message;
-      return true;
-    }
-    if (kind == InputKind::kTuning || !blockSized) {
-      error = bytes.empty() ? "empty file"
-                            : "does not parse as a tuning file (truncated, or not a tuning file)";
-      if (!blockSized && kind == InputKind::kAuto && !bytes.empty()) {
-        error += "; not a payload either (" + std::to_string(bytes.size()) + " bytes, not " +
-                 std::to_string(qvr::kCacheBlockSize) + ")";
-      }
-      return false;
-    }
-  }
-  input.isPayload = true;
-  input.payload.assign(bytes.begin(), bytes.end());
-  return true;
-}
-
 std::string Conversion::SelectError() const {
   return reading->selection.missing != nullptr ? std::string("the file has no ") + reading->selection.missing
                                                : std::string();

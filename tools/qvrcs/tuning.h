@@ -19,13 +19,6 @@ namespace qvrcs_tool {
 using com::qvr::pb::korva_v1_1::KorvaSettings;
 using com::qvr::pb::wbn::Qvrcs;
 
-// How an input file is taken.
-enum class InputKind {
-  kAuto,     // a payload when exactly one cache block long and not a tuning file
-  kTuning,   // always a tuning file
-  kPayload,  // always a payload (exactly one cache block long)
-};
-
 struct Input {
   std::string path;
   bool isPayload = false;
@@ -33,10 +26,6 @@ struct Input {
   Qvrcs* tuning = nullptr;                      // tuning files: &reading->message
   std::vector<uint8_t> payload;                 // payload files: the cache block payload
 };
-
-// Reads `path` as `kind`. False with a one-line reason in `error` ("cannot
-// open: No such file or directory", "does not parse as a tuning file", ...).
-bool ReadInput(const std::string& path, InputKind kind, Input& input, std::string& error);
 
 // Reads the whole regular file (tools/qvrcs/io.h); false with a one-line reason.
 bool ReadBytes(const std::string& path, std::string& bytes, std::string& error);
