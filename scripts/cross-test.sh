@@ -106,6 +106,13 @@ build=$root/build-cross/$arch
 cmake -S . -B "$build" -DCMAKE_TOOLCHAIN_FILE="$root/cmake/$triple.cmake" -DQVR_SYSROOT="$sysroot" \
   -DCMAKE_BUILD_TYPE=Release -DQVR_BUILD_BENCHMARKS=OFF -DQVR_BUILD_FUZZERS=OFF
 cmake --build "$build" -j"$jobs"
+# plplot finds its drawing drivers by listing a folder, which a 32-bit program
+# under qemu-arm cannot do on a host file system with 64-bit inode numbers
+# (EOVERFLOW): on armhf the plot and report tests are left to the other builds.
+if [ "$arch" = armhf ]; then
+  say "plot and report tests (FilterCommandTest, ReportPageTest) NOT run: plplot's driver listing fails under qemu-arm"
+  ctest_filter+=(-E 'FilterCommandTest|ReportPageTest')
+fi
 ctest --test-dir "$build" --output-on-failure -j"$jobs" "${ctest_filter[@]}"
 
 # ---- 4. The example set on the target and on the host ------------------------------
