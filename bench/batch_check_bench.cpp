@@ -8,15 +8,10 @@
 //   batch_check_bench [--benchmark_... options]
 //   QVR_BATCH_SETS  number of generated sets (default 1000)
 #include <benchmark/benchmark.h>
-#include <fcntl.h>
-#include <spawn.h>
-#include <sys/resource.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
-#include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
@@ -25,6 +20,7 @@
 #include <string>
 #include <vector>
 
+#include "bench/child_run.h"
 #include "configurator/config_file.h"
 #include "configurator/settings.h"
 
@@ -39,13 +35,6 @@ struct Samples {
   std::vector<double> wall;  // seconds per run
 };
 
-double Median(std::vector<double> samples) {
-  if (samples.empty()) return 0;
-  std::sort(samples.begin(), samples.end());
-  const size_t middle = samples.size() / 2;
-  return samples.size() % 2 == 1 ? samples[middle] : (samples[middle - 1] + samples[middle]) / 2;
-}
-
 std::string g_scratch;
 std::vector<std::string> g_sets;   // search paths
 std::vector<std::string> g_files;  // every slot's file, in set order
@@ -54,10 +43,8 @@ std::map<std::string, Samples> g_samples;
 // One set per folder: the example set's configurator.cfg and its six files,
 // linked rather than copied (the reading is the same).
 bool MakeSets(size_t count) {
-  const char* tmp = std::getenv("TMPDIR");
-  std::string pattern = std::string(tmp != nullptr && *tmp != '\0' ? tmp : "/tmp") + "/qvr_batch_XXXXXX";
-  if (mkdtemp(pattern.data()) == nullptr) return false;
-  g_scratch = pattern;
+  g_scratch = qvr_bench::MakeScratchDir("qvr_batch");
+  if (g_scratch.empty()) return false;
   com::qvr::korva::configurator::qdsp6::ConfiguratorConfig config;
   const std::string examples = QVR_EXAMPLES_DIR;
   if (qvr::ReadConfiguratorConfig(qvr::JoinPath(examples, qvr::kConfigFileName), config, nullptr) !=
@@ -83,46 +70,20 @@ bool MakeSets(size_t count) {
   return true;
 }
 
-bool RunChild(const std::vector<std::string>& argv, double& cpu, double& wall) {
-  std::vector<char*> args;
-  for (const std::string& arg : argv) args.push_back(const_cast<char*>(arg.c_str()));
-  args.push_back(nullptr);
-  posix_spawn_file_actions_t actions;
-  posix_spawn_file_actions_init(&actions);
-  posix_spawn_file_actions_addopen(&actions, 0, "/dev/null", O_RDONLY, 0);
-  posix_spawn_file_actions_addopen(&actions, 1, "/dev/null", O_WRONLY, 0);
-  posix_spawn_file_actions_addopen(&actions, 2, "/dev/null", O_WRONLY, 0);
-  const auto start = std::chrono::steady_clock::now();
-  pid_t pid = 0;
-  const int spawned = posix_spawn(&pid, args[0], &actions, nullptr, args.data(), environ);
-  posix_spawn_file_actions_destroy(&actions);
-  if (spawned != 0) return false;
-  int status = 0;
-  rusage usage{};
-  while (wait4(pid, &status, 0, &usage) < 0) {
-    if (errno != EINTR) return false;
-  }
-  wall = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
-  const auto seconds = [](const timeval& t) { return static_cast<double>(t.tv_sec) + t.tv_usec / 1e6; };
-  // On Linux the child's rusage includes the workers it waited for.
-  cpu = seconds(usage.ru_utime) + seconds(usage.ru_stime);
-  return WIFEXITED(status) && WEXITSTATUS(status) == 0;
-}
-
 void Measure(benchmark::State& state, const std::string& name, const std::vector<std::string>& argv) {
   Samples& samples = g_samples[name];
   for (auto _ : state) {
-    double cpu = 0;
-    double wall = 0;
-    if (!RunChild(argv, cpu, wall)) {
+    // The child's CPU time includes the workers it waited for.
+    const qvr_bench::ChildRun run = qvr_bench::RunChild(argv, "/dev/null");
+    if (!run.ok) {
       state.SkipWithError((name + ": the run failed").c_str());
       return;
     }
-    state.SetIterationTime(wall);
-    samples.cpu.push_back(cpu);
-    samples.wall.push_back(wall);
+    state.SetIterationTime(run.wallSeconds);
+    samples.cpu.push_back(run.cpuSeconds);
+    samples.wall.push_back(run.wallSeconds);
   }
-  state.counters["cpu_ms"] = 1e3 * Median(samples.cpu);
+  state.counters["cpu_ms"] = 1e3 * qvr_bench::Median(samples.cpu);
 }
 
 void BM_BareParse(benchmark::State& state) {
@@ -144,15 +105,15 @@ void Summarise() {
   if (bare.cpu.empty() || one.cpu.empty()) return;
   std::printf("\n%zu sets of six slots, %zu runs each\n", g_sets.size(), bare.cpu.size());
   for (const auto& [name, samples] : g_samples) {
-    std::printf("  %-14s cpu median %8.1f ms  wall median %8.1f ms\n", name.c_str(), 1e3 * Median(samples.cpu),
-                1e3 * Median(samples.wall));
+    std::printf("  %-14s cpu median %8.1f ms  wall median %8.1f ms\n", name.c_str(), 1e3 * qvr_bench::Median(samples.cpu),
+                1e3 * qvr_bench::Median(samples.wall));
   }
-  const double ratio = Median(one.cpu) / Median(bare.cpu);
+  const double ratio = qvr_bench::Median(one.cpu) / qvr_bench::Median(bare.cpu);
   std::printf("  check -j 1 / bare parse, cpu: %.2f (goal <= 1.5: %s)\n", ratio, ratio <= 1.5 ? "met" : "MISSED");
   for (const auto& [name, samples] : g_samples) {
     if (name.rfind("check -j ", 0) != 0 || name == "check -j 1") continue;
     std::printf("  %s speed-up in wall time over -j 1: %.2f\n", name.c_str(),
-                Median(one.wall) / Median(samples.wall));
+                qvr_bench::Median(one.wall) / qvr_bench::Median(samples.wall));
   }
 }
 

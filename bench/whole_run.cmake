@@ -24,7 +24,7 @@ target_link_libraries(bare_run PRIVATE qvr_proto android_log)
 
 add_executable(whole_run_bench ${CMAKE_CURRENT_LIST_DIR}/whole_run_bench.cpp)
 target_include_directories(whole_run_bench PRIVATE ${PROJECT_SOURCE_DIR})
-target_link_libraries(whole_run_bench PRIVATE benchmark::benchmark)
+target_link_libraries(whole_run_bench PRIVATE qvr_proto benchmark::benchmark)
 target_compile_definitions(whole_run_bench PRIVATE
   QVR_CONFIGURATOR_EXE="$<TARGET_FILE:qvr_configurator>"
   QVR_BARE_PARSE_EXE="$<TARGET_FILE:bare_parse>"

@@ -11,14 +11,9 @@
 // (qvr_configurator_inproc against bare_run) runs without the simulator's
 // preload: the driver is answered inside the configurator's process.
 #include <benchmark/benchmark.h>
-#include <fcntl.h>
-#include <spawn.h>
-#include <sys/resource.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
-#include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
@@ -30,6 +25,8 @@
 #include <tuple>
 #include <vector>
 
+#include "bench/child_run.h"
+#include "configurator/config_file.h"
 #include "configurator/payload.h"
 #include "configurator/settings.h"
 
@@ -38,10 +35,6 @@ extern char** environ;
 namespace {
 
 namespace fs = std::filesystem;
-
-constexpr const char* kSlotNames[] = {"attached0", "attached1", "lineout0",
-                                      "bluetooth0", "combo0",   "other"};
-static_assert(std::size(kSlotNames) == qvr::kCacheBlockCount);
 
 struct Totals {
   double userSeconds = 0;
@@ -54,15 +47,7 @@ struct Totals {
 };
 
 // Median of the per-run CPU times: steadier than the mean on a shared machine.
-double MedianCpuMs(Totals& totals) {
-  std::vector<double>& samples = totals.cpuSamples;
-  if (samples.empty()) return 0;
-  std::sort(samples.begin(), samples.end());
-  const size_t middle = samples.size() / 2;
-  const double median =
-      samples.size() % 2 == 1 ? samples[middle] : (samples[middle - 1] + samples[middle]) / 2;
-  return 1e3 * median;
-}
+double MedianCpuMs(const Totals& totals) { return 1e3 * qvr_bench::Median(totals.cpuSamples); }
 
 // One search path: six copies of one tuning file and a configurator.cfg
 // naming one per slot.
@@ -80,35 +65,24 @@ bool MakeTuningSet(const std::string& name, const char* source, TuningSet& set) 
   set.dir = g_scratch + "/" + name;
   if (!fs::create_directory(set.dir)) return false;
   std::ofstream config(set.dir + "/" + qvr::kConfigFileName);
-  for (size_t i = 0; i < std::size(kSlotNames); ++i) {
-    const std::string file = name + "-" + kSlotNames[i] + ".bin";
+  for (size_t i = 0; i < std::size(qvr::kConfigSlots); ++i) {
+    const char* slot = qvr::kConfigSlots[i].name;
+    const std::string file = name + "-" + slot + ".bin";
     std::error_code error;
     fs::copy_file(source, set.dir + "/" + file, error);
     if (error) return false;
     set.files.push_back(set.dir + "/" + file);
-    config << kSlotNames[i] << " { filename: '" << file << "' device_bitmask: " << (1u << i) << " }\n";
+    config << slot << " { filename: '" << file << "' device_bitmask: " << (1u << i) << " }\n";
   }
   return config.good();
 }
 
 bool MakeTuningSets() {
-  const char* tmp = std::getenv("TMPDIR");
-  std::string pattern = std::string(tmp != nullptr && *tmp != '\0' ? tmp : "/tmp") + "/qvr_whole_run_XXXXXX";
-  if (mkdtemp(pattern.data()) == nullptr) return false;
-  g_scratch = pattern;
+  g_scratch = qvr_bench::MakeScratchDir("qvr_whole_run");
+  if (g_scratch.empty()) return false;
   return MakeTuningSet("max", QVR_MAX_TUNING_FILE, g_maximum) &&
          MakeTuningSet("min", QVR_MIN_TUNING_FILE, g_minimal);
 }
-
-struct ChildRun {
-  bool ok = false;
-  double userSeconds = 0;
-  double systemSeconds = 0;
-  double cpuSeconds = 0;
-  double wallSeconds = 0;
-  long maxRssKb = 0;
-  std::string output;  // standard output and error
-};
 
 // The environment without the simulator's preload: for programs that answer
 // the driver in their own process (and their bare counterpart), nothing of
@@ -122,49 +96,31 @@ std::vector<char*> PlainEnvironment() {
   return env;
 }
 
-ChildRun RunChild(const std::vector<std::string>& argv, bool plain = false) {
-  ChildRun run;
+// One run, with its standard output and error kept for the log check.
+struct LoggedRun {
+  qvr_bench::ChildRun run;
+  std::string output;
+};
+
+LoggedRun RunChild(const std::vector<std::string>& argv, bool plain = false) {
   const std::string outPath = g_scratch + "/output";
-  std::vector<char*> args;
-  for (const std::string& arg : argv) args.push_back(const_cast<char*>(arg.c_str()));
-  args.push_back(nullptr);
-  posix_spawn_file_actions_t actions;
-  posix_spawn_file_actions_init(&actions);
-  posix_spawn_file_actions_addopen(&actions, 0, "/dev/null", O_RDONLY, 0);
-  posix_spawn_file_actions_addopen(&actions, 1, outPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
-  posix_spawn_file_actions_adddup2(&actions, 1, 2);
-  const auto start = std::chrono::steady_clock::now();
-  pid_t pid = 0;
   std::vector<char*> env = PlainEnvironment();
-  const int spawned = posix_spawn(&pid, args[0], &actions, nullptr, args.data(), plain ? env.data() : environ);
-  posix_spawn_file_actions_destroy(&actions);
-  if (spawned != 0) return run;
-  int status = 0;
-  rusage usage{};
-  while (wait4(pid, &status, 0, &usage) < 0) {
-    if (errno != EINTR) return run;
-  }
-  run.wallSeconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
-  const auto seconds = [](const timeval& t) { return static_cast<double>(t.tv_sec) + t.tv_usec / 1e6; };
-  run.userSeconds = seconds(usage.ru_utime);
-  run.systemSeconds = seconds(usage.ru_stime);
-  run.cpuSeconds = run.userSeconds + run.systemSeconds;
-  run.maxRssKb = usage.ru_maxrss;
+  LoggedRun logged{qvr_bench::RunChild(argv, outPath, plain ? env.data() : nullptr), {}};
   std::ifstream out(outPath);
   std::ostringstream text;
   text << out.rdbuf();
-  run.output = text.str();
-  run.ok = WIFEXITED(status) && WEXITSTATUS(status) == 0;
-  return run;
+  logged.output = text.str();
+  return logged;
 }
 
 void Measure(benchmark::State& state, const char* name, const std::vector<std::string>& argv,
              const char* mustLog, bool plain = false) {
   Totals& totals = g_totals[name];
   for (auto _ : state) {
-    const ChildRun run = RunChild(argv, plain);
-    if (!run.ok || (mustLog != nullptr && run.output.find(mustLog) == std::string::npos)) {
-      state.SkipWithError(("run failed: " + run.output.substr(0, 2000)).c_str());
+    const LoggedRun logged = RunChild(argv, plain);
+    const qvr_bench::ChildRun& run = logged.run;
+    if (!run.ok || (mustLog != nullptr && logged.output.find(mustLog) == std::string::npos)) {
+      state.SkipWithError(("run failed: " + logged.output.substr(0, 2000)).c_str());
       return;
     }
     state.SetIterationTime(run.wallSeconds);
