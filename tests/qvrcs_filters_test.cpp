@@ -17,6 +17,7 @@
 #include "configurator/tuning_reader.h"
 #include "qvrcsPB.pb.h"
 #include "test_support.h"
+#include "tool_run.h"
 #include "tools/qvrcs/report.h"
 #include "tools/qvrcs/tool.h"
 #include "tools/qvrcs/tuning.h"
@@ -43,18 +44,6 @@ using qvrcs_tool::FilterResponse;
 constexpr const char* kUuid = "6f1c2a3b-0000-4000-8000-00000000b001";
 constexpr int32_t kUnit = 16384;  // 0.5 full scale
 constexpr size_t kTaps = 64;
-
-struct ToolRun {
-  int status = -1;
-  std::string out;
-  std::string err;
-};
-
-ToolRun RunTool(const std::vector<std::string>& args) {
-  std::ostringstream out, err;
-  const int status = qvrcs_tool::Run(args, out, err);
-  return ToolRun{status, out.str(), err.str()};
-}
 
 std::vector<int32_t> Impulse(size_t at, std::vector<int32_t> taps = {kUnit}) {
   std::vector<int32_t> values(kTaps, 0);

@@ -19,6 +19,7 @@
 #include "configurator/payload.h"
 #include "block_support.h"
 #include "e2e_support.h"
+#include "tool_run.h"
 #include "qvrcs/block_map.h"
 #include "qvrcs/layout.h"
 #include "qvrcs/sections.h"
@@ -45,19 +46,6 @@ using qvrcs_tool::SlotReport;
 
 constexpr const char* kUuid = "6f1c2a3b-0000-4000-8000-00000000a001";
 constexpr const char* kOtherUuid = "6f1c2a3b-0000-4000-8000-00000000a002";
-
-struct ToolRun {
-  int status = -1;
-  std::string out;
-  std::string err;
-};
-
-ToolRun RunTool(const std::vector<std::string>& args, const std::string& input = "") {
-  std::istringstream in(input);
-  std::ostringstream out, err;
-  const int status = qvrcs_tool::Run(args, in, out, err);
-  return ToolRun{status, out.str(), err.str()};
-}
 
 // A tuning file that loads: one front room, one headphone EQ and one AEQ in
 // the postmix record's own model, all with 48000 Hz tables.

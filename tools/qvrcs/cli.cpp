@@ -663,9 +663,4 @@ int Run(const std::vector<std::string>& args, std::istream& in, std::ostream& ou
   }
 }
 
-int Run(const std::vector<std::string>& args, std::ostream& out, std::ostream& err) {
-  std::istringstream none;
-  return Run(args, none, out, err);
-}
-
 }  // namespace qvrcs_tool

@@ -23,7 +23,5 @@ constexpr int kExitBadInput = 3;  // an input is missing, unreadable or of the w
 // input "-" from `in`, writing the command's data to `out` and status and
 // error lines ("qvrcs: FILE: what is wrong") to `err`. Returns the exit status.
 int Run(const std::vector<std::string>& args, std::istream& in, std::ostream& out, std::ostream& err);
-// The same with an empty standard input.
-int Run(const std::vector<std::string>& args, std::ostream& out, std::ostream& err);
 
 }  // namespace qvrcs_tool
