@@ -92,12 +92,12 @@ void ConvertSettings(TuningReading& reading, qvrcs::TraceObserver* trace) {
 void ConvertSettings(TuningReading& reading, qvrcs::PremixBlock& premix, qvrcs::PostmixBlock& postmix,
                      qvrcs::TraceObserver* trace) {
   const KorvaSettings& settings = *reading.selection.settings;
-  QVRCS_InitContext(reading.context, kDspSampleRate);
-  reading.resPre = QVRCS_ConvertPremix(reading.context, settings, premix, true, trace);
+  qvrcs::QVRCS_InitContext(reading.context, kDspSampleRate);
+  reading.resPre = qvrcs::QVRCS_ConvertPremix(reading.context, settings, premix, true, trace);
   // The reader has no models of its own; the postmix's own model is added
   // by the converter.
-  const ListeningModelList models;
-  reading.resPost = QVRCS_ConvertPostmix(reading.context, settings, postmix, true, models, trace);
+  const qvrcs::ListeningModelList models;
+  reading.resPost = qvrcs::QVRCS_ConvertPostmix(reading.context, settings, postmix, true, models, trace);
   reading.stage = ReaderStage::kConverted;
 }
 

@@ -78,7 +78,7 @@ struct TuningReading {
   ReaderStage stage = ReaderStage::kNotRun;
   com::qvr::pb::wbn::Qvrcs message;
   SettingsSelection selection;
-  ConversionContext context;
+  qvrcs::ConversionContext context;
   int32_t resPre = 0;
   int32_t resPost = 0;
   qvrcs::PremixBlock premix;

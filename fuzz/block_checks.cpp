@@ -30,16 +30,16 @@ void CheckFields(const std::vector<qvrcs::FieldInfo>& map, const uint8_t* block,
 
 void CheckPremixBlock(const uint8_t* premix) {
   static const std::vector<qvrcs::FieldInfo> map = qvrcs::PremixFieldMap();
-  CheckFields(map, premix, kPremixTemplate.data());
+  CheckFields(map, premix, qvrcs::kPremixTemplate.data());
 }
 
 void CheckPostmixBlock(const uint8_t* postmix) {
   static const std::vector<qvrcs::FieldInfo> map = qvrcs::PostmixControlFieldMap();
-  CheckFields(map, postmix, kPostmixTemplate.data());
+  CheckFields(map, postmix, qvrcs::kPostmixTemplate.data());
   // The words between the control section and the first room slot are the
   // template's alone.
   FUZZ_CHECK(std::memcmp(postmix + qvrcs::kPostmixFixedWords,
-                         kPostmixTemplate.data() + qvrcs::kPostmixFixedWords,
+                         qvrcs::kPostmixTemplate.data() + qvrcs::kPostmixFixedWords,
                          qvrcs::kMultichRoomSlot - qvrcs::kPostmixFixedWords) == 0);
 }
 

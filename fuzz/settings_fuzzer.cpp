@@ -251,14 +251,14 @@ struct Converted {
 
 // Both converters as the reader runs them, each block in its own exact-size
 // allocation so that a write past either is caught.
-void Convert(const KorvaSettings& settings, const ListeningModelList& models, bool useTemplate,
+void Convert(const KorvaSettings& settings, const qvrcs::ListeningModelList& models, bool useTemplate,
              uint8_t filler, Converted& out, qvrcs::TraceObserver* trace = nullptr) {
-  ConversionContext context;
-  QVRCS_InitContext(context, kRate);
+  qvrcs::ConversionContext context;
+  qvrcs::QVRCS_InitContext(context, kRate);
   out.premixBlock->fill(filler);
   out.postmixBlock->fill(filler);
-  out.premix = QVRCS_ConvertPremix(context, settings, *out.premixBlock, useTemplate, trace);
-  out.postmix = QVRCS_ConvertPostmix(context, settings, *out.postmixBlock, useTemplate, models, trace);
+  out.premix = qvrcs::QVRCS_ConvertPremix(context, settings, *out.premixBlock, useTemplate, trace);
+  out.postmix = qvrcs::QVRCS_ConvertPostmix(context, settings, *out.postmixBlock, useTemplate, models, trace);
 }
 
 }  // namespace
@@ -275,16 +275,16 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   // Models of the caller's own, searched before the postmix's model.
   std::vector<listeningModel> callerModels(in.ConsumeIntegralInRange(0, 2));
   for (listeningModel& model : callerModels) build.FillModel(&model);
-  const ListeningModelList models(callerModels.begin(), callerModels.end());
+  const qvrcs::ListeningModelList models(callerModels.begin(), callerModels.end());
 
   const bool useTemplate = in.ConsumeBool();
   const uint8_t filler = in.ConsumeIntegral<uint8_t>();
 
   Converted first;
   Convert(settings, models, useTemplate, filler, first);
-  FUZZ_CHECK(first.premix == QVRCS_OK);
-  FUZZ_CHECK(first.postmix == QVRCS_OK || first.postmix == QVRCS_ERR_NEGATIVE_REF_HTEST ||
-             first.postmix == QVRCS_ERR_NO_COEF_TABLE || first.postmix == QVRCS_ERR_UNKNOWN_ROOM);
+  FUZZ_CHECK(first.premix == qvrcs::QVRCS_OK);
+  FUZZ_CHECK(first.postmix == qvrcs::QVRCS_OK || first.postmix == qvrcs::QVRCS_ERR_NEGATIVE_REF_HTEST ||
+             first.postmix == qvrcs::QVRCS_ERR_NO_COEF_TABLE || first.postmix == qvrcs::QVRCS_ERR_UNKNOWN_ROOM);
   if (useTemplate) {
     fuzz::CheckPremixBlock(first.premixBlock->data());
     fuzz::CheckPostmixBlock(first.postmixBlock->data());
@@ -313,7 +313,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   FUZZ_CHECK(file.Store(bytes.data(), bytes.size()));
   std::vector<uint8_t> payload(qvr::kCacheBlockSize, 0);
   const int32_t result = QVRCS_GetPremixData(file.path().c_str(), payload.data());
-  if (first.postmix != QVRCS_OK) {
+  if (first.postmix != qvrcs::QVRCS_OK) {
     FUZZ_CHECK(result == -4);
     return 0;
   }

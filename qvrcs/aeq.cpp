@@ -7,24 +7,17 @@
 #include "qvrcs/record_layout.h"
 #include "qvrcs/sections.h"
 
+namespace qvrcs {
+
 using com::qvr::pb::coef::Aeq;
 using com::qvr::pb::coef::CoefTable;
 using com::qvr::pb::coef::FilterBank;
 using com::qvr::pb::korva_v1_1::Postmix;
 using com::qvr::pb::model::listeningModel;
-using qvrcs::BlockView;
 
 namespace {
 
 // Record layout: qvrcs/record_layout.h.
-using qvrcs::kAeqChannel0;
-using qvrcs::kAeqChannel1;
-using qvrcs::kAeqChannels;
-using qvrcs::kAeqCoefs;
-using qvrcs::kAeqDefaultOrder;
-using qvrcs::kAeqMarker;
-using qvrcs::kAeqMarkerWord;
-using qvrcs::kAeqOrderWord;
 
 const auto AeqsOf = [](const listeningModel& model) -> const auto& { return model.aeqs(); };
 
@@ -38,28 +31,28 @@ int32_t BankOrder(const FilterBank& bank) {
 // afterwards), a long channel 1 table on into the Velmo high-pass section
 // that follows the record. False when the bank has no table.
 bool LoadChannel(BlockView record, size_t channel, const FilterBank& bank, int bankIndex, uint32_t sampleRate,
-                 qvrcs::TraceObserver* trace) {
+                 TraceObserver* trace) {
   const size_t section = channel == 0 ? kAeqChannel0 : kAeqChannel1;
-  qvrcs::StoreI32(record, section + kAeqOrderWord, BankOrder(bank));
+  StoreI32(record, section + kAeqOrderWord, BankOrder(bank));
   const auto& tables = bank.iircoefs();
-  const int index = qvrcs::FindCoefTableIndex(tables, sampleRate);
+  const int index = FindCoefTableIndex(tables, sampleRate);
   const CoefTable* table = index >= 0 ? &tables.Get(index) : nullptr;
   if (trace != nullptr) {
-    qvrcs::TraceEvent event;
-    event.kind = qvrcs::TraceKind::kChannel;
+    TraceEvent event;
+    event.kind = TraceKind::kChannel;
     event.channel = static_cast<int>(channel);
     event.entry = bankIndex;
     event.value = BankOrder(bank);
-    if (table != nullptr) event.table = qvrcs::TableChoice(*table, index, 32);
+    if (table != nullptr) event.table = TableChoice(*table, index, 32);
     trace->OnEvent(event);
   }
   if (table == nullptr) return false;
-  qvrcs::PackTable(record, section + kAeqCoefs, 4 * qvrcs::kAeqChannelCoefs, *table, index, 32, trace);
+  PackTable(record, section + kAeqCoefs, 4 * kAeqChannelCoefs, *table, index, 32, trace);
   return true;
 }
 
-int32_t LoadAeq(const Aeq* aeq, BlockView record, uint32_t sampleRate, qvrcs::TraceEvent& event,
-                qvrcs::TraceObserver* trace) {
+int32_t LoadAeq(const Aeq* aeq, BlockView record, uint32_t sampleRate, TraceEvent& event,
+                TraceObserver* trace) {
   if (aeq == nullptr) return QVRCS_ERR_NO_COEF_TABLE;
 
   // The two banks that become channels 0 and 1, picked by index so that the
@@ -82,9 +75,9 @@ int32_t LoadAeq(const Aeq* aeq, BlockView record, uint32_t sampleRate, qvrcs::Tr
   event.filtered = filter;
   if (kept < kAeqChannels) return QVRCS_ERR_NO_COEF_TABLE;
 
-  qvrcs::ZeroFill(record, 0, qvrcs::kAeqRecordSize);
-  qvrcs::StoreI32(record, kAeqChannel1 + kAeqMarkerWord, kAeqMarker);
-  qvrcs::StoreI32(record, kAeqChannel0 + kAeqMarkerWord, kAeqMarker);
+  ZeroFill(record, 0, kAeqRecordSize);
+  StoreI32(record, kAeqChannel1 + kAeqMarkerWord, kAeqMarker);
+  StoreI32(record, kAeqChannel0 + kAeqMarkerWord, kAeqMarker);
 
   const bool channel0 = LoadChannel(record, 0, banks.Get(chosen[0]), chosen[0], sampleRate, trace);
   if (!LoadChannel(record, 1, banks.Get(chosen[1]), chosen[1], sampleRate, trace)) {
@@ -96,33 +89,35 @@ int32_t LoadAeq(const Aeq* aeq, BlockView record, uint32_t sampleRate, qvrcs::Tr
 }  // namespace
 
 int32_t QVRCS_LoadAeq(const std::string& uuid, const ListeningModelList& models, BlockView record,
-                      uint32_t sampleRate, qvrcs::TraceObserver* trace) {
-  return qvrcs::LoadLocated<Aeq>(uuid, models, AeqsOf, qvrcs::kAeqRecordSize, trace,
-                                 [&](const Aeq* aeq, qvrcs::TraceEvent& event) {
+                      uint32_t sampleRate, TraceObserver* trace) {
+  return LoadLocated<Aeq>(uuid, models, AeqsOf, kAeqRecordSize, trace,
+                                 [&](const Aeq* aeq, TraceEvent& event) {
                                    return LoadAeq(aeq, record, sampleRate, event, trace);
                                  });
 }
 
 int32_t QVRCS_ConvertAeqCoef(const ConversionContext& context, const Postmix& postmix,
                              const ListeningModelList& models, BlockView block,
-                             qvrcs::TraceObserver* trace) {
+                             TraceObserver* trace) {
   // The first locator that loads wins; failures only move on to the next.
   int32_t status = QVRCS_NOTHING_TO_LOAD;
   const auto& locators = postmix.aeqcoef();
   for (int i = 0; i < locators.size(); ++i) {
     const std::string& uuid = locators.Get(i).uuid();
-    qvrcs::LocatorStamp stamp(trace, qvrcs::SectionId::kAeq, i);
+    LocatorStamp stamp(trace, SectionId::kAeq, i);
     if (uuid.empty()) {
       if (trace != nullptr) {
-        qvrcs::TraceEvent event = qvrcs::LocatorEvent(qvrcs::ModelMatch<Aeq>{}, uuid);
+        TraceEvent event = LocatorEvent(ModelMatch<Aeq>{}, uuid);
         event.status = QVRCS_NOTHING_TO_LOAD;
         stamp.OnEvent(event);
       }
       continue;
     }
-    status = QVRCS_LoadAeq(uuid, models, block.At(qvrcs::kAeqRecord), context.sampleRate, stamp.Get());
+    status = QVRCS_LoadAeq(uuid, models, block.At(kAeqRecord), context.sampleRate, stamp.Get());
     if (status == QVRCS_OK) break;
   }
-  qvrcs::TraceStatus(trace, qvrcs::SectionId::kAeq, status);
+  TraceStatus(trace, SectionId::kAeq, status);
   return status;
 }
+
+}  // namespace qvrcs

@@ -69,58 +69,52 @@ void NoteWraps(const CoefValues& values, TraceEvent& event) {
   }
 }
 
-}  // namespace qvrcs
-
 using com::qvr::pb::coef::CoefTable;
 using com::qvr::pb::korva_v1_1::Postmix;
-using qvrcs::BlockView;
 
-int qvrcs::FindCoefTableIndex(const google::protobuf::RepeatedPtrField<CoefTable>& tables, uint32_t sampleRate) {
+int FindCoefTableIndex(const google::protobuf::RepeatedPtrField<CoefTable>& tables, uint32_t sampleRate) {
   for (int i = 0; i < tables.size(); ++i) {
     const CoefTable& table = tables.Get(i);
-    if (table.has_samplerate() && qvrcs::SampleRateEquals(table.samplerate(), sampleRate)) return i;
+    if (table.has_samplerate() && SampleRateEquals(table.samplerate(), sampleRate)) return i;
   }
   return -1;
 }
 
 const CoefTable* QVRCS_FindCoefTable(const google::protobuf::RepeatedPtrField<CoefTable>& tables,
                                      uint32_t sampleRate) {
-  const int index = qvrcs::FindCoefTableIndex(tables, sampleRate);
+  const int index = FindCoefTableIndex(tables, sampleRate);
   return index >= 0 ? &tables.Get(index) : nullptr;
 }
 
 namespace {
 
-using qvrcs::Section;
-using qvrcs::SectionId;
-
 // Every table of `tables` whose rate value is the working rate and that has
 // values of the variant is written over the same place: the last one
 // prevails. The count is not bounded by the section.
 void PackEveryMatch(const google::protobuf::RepeatedPtrField<CoefTable>& tables, uint32_t rate, BlockView block,
-                    SectionId id, unsigned bits, qvrcs::TraceObserver* trace) {
-  const qvrcs::SectionInfo& section = Section(id);
-  qvrcs::LocatorStamp stamp(trace, id, -1);
+                    SectionId id, unsigned bits, TraceObserver* trace) {
+  const SectionInfo& section = Section(id);
+  LocatorStamp stamp(trace, id, -1);
   for (int i = 0; i < tables.size(); ++i) {
     const CoefTable& table = tables.Get(i);
     const int count = bits == 16 ? table.coeff_16_size() : table.coeff_32_size();
-    if (qvrcs::TableRateIs(table, rate) && count > 0) {
-      qvrcs::PackTable(block, section.offset, section.size, table, i, bits, stamp.Get());
+    if (TableRateIs(table, rate) && count > 0) {
+      PackTable(block, section.offset, section.size, table, i, bits, stamp.Get());
     }
   }
 }
 
-void TraceStatuses(qvrcs::TraceObserver* trace, std::initializer_list<SectionId> sections, int32_t status) {
-  for (SectionId id : sections) qvrcs::TraceStatus(trace, id, status);
+void TraceStatuses(TraceObserver* trace, std::initializer_list<SectionId> sections, int32_t status) {
+  for (SectionId id : sections) TraceStatus(trace, id, status);
 }
 
 }  // namespace
 
 int32_t QVRCS_ConvertVelmoXoverCoef(const ConversionContext& context, const Postmix& postmix,
-                                    BlockView block, qvrcs::TraceObserver* trace) {
+                                    BlockView block, TraceObserver* trace) {
   const auto& xover = postmix.velmo_xover_coef();
   // Written whether or not it is set: an absent record stores 0.
-  qvrcs::StoreSectionWord(block, SectionId::kVelmoCrossoverOrder, xover.order(), xover.has_order(), trace);
+  StoreSectionWord(block, SectionId::kVelmoCrossoverOrder, xover.order(), xover.has_order(), trace);
 
   // The low-pass branch goes first, so a low-pass table longer than its area
   // is overwritten by the high-pass one where they overlap.
@@ -132,24 +126,24 @@ int32_t QVRCS_ConvertVelmoXoverCoef(const ConversionContext& context, const Post
 }
 
 int32_t QVRCS_ConvertVelmoHpfCoef(const ConversionContext& context, const Postmix& postmix,
-                                  BlockView block, qvrcs::TraceObserver* trace) {
+                                  BlockView block, TraceObserver* trace) {
   const auto& hpf = postmix.velmo_hpf_coef();
-  qvrcs::StoreSectionWord(block, SectionId::kVelmoHighPassOrder, hpf.order(), hpf.has_order(), trace);
+  StoreSectionWord(block, SectionId::kVelmoHighPassOrder, hpf.order(), hpf.has_order(), trace);
   int32_t status = QVRCS_ERR_NO_COEF_TABLE;
   if (hpf.order() == 0) {
     status = QVRCS_OK;  // filter off: no table needed
   } else {
     // First table for the rate that fits the area; longer ones are passed over.
-    const qvrcs::SectionInfo& coefs = Section(SectionId::kVelmoHighPassCoefs);
-    qvrcs::LocatorStamp stamp(trace, SectionId::kVelmoHighPassCoefs, -1);
+    const SectionInfo& coefs = Section(SectionId::kVelmoHighPassCoefs);
+    LocatorStamp stamp(trace, SectionId::kVelmoHighPassCoefs, -1);
     for (int i = 0; i < hpf.hpf_coeffs_size() && status != QVRCS_OK; ++i) {
       const CoefTable& table = hpf.hpf_coeffs(i);
-      if (!qvrcs::TableRateIs(table, context.sampleRate)) continue;
+      if (!TableRateIs(table, context.sampleRate)) continue;
       if (static_cast<size_t>(table.coeff_16_size()) > coefs.capacity()) {
-        qvrcs::TraceTooLong(stamp.Get(), table, i, 16);
+        TraceTooLong(stamp.Get(), table, i, 16);
         continue;
       }
-      qvrcs::PackTable(block, coefs.offset, coefs.size, table, i, 16, stamp.Get());
+      PackTable(block, coefs.offset, coefs.size, table, i, 16, stamp.Get());
       status = QVRCS_OK;
     }
   }
@@ -158,11 +152,11 @@ int32_t QVRCS_ConvertVelmoHpfCoef(const ConversionContext& context, const Postmi
 }
 
 int32_t QVRCS_ConvertGormCoef(const ConversionContext& context, const Postmix& postmix,
-                              BlockView block, qvrcs::TraceObserver* trace) {
+                              BlockView block, TraceObserver* trace) {
   const auto& gorm = postmix.gorm_coef();
   // Both sizes are written whether or not they are set.
-  qvrcs::StoreSectionWord(block, SectionId::kGormAnalysis, gorm.analysis_size(), gorm.has_analysis_size(), trace);
-  qvrcs::StoreSectionWord(block, SectionId::kGormSpeaker, gorm.speaker_size(), gorm.has_speaker_size(), trace);
+  StoreSectionWord(block, SectionId::kGormAnalysis, gorm.analysis_size(), gorm.has_analysis_size(), trace);
+  StoreSectionWord(block, SectionId::kGormSpeaker, gorm.speaker_size(), gorm.has_speaker_size(), trace);
 
   // The coefficient area closes the block: values past its 24 words are
   // dropped at the block's end.
@@ -171,3 +165,5 @@ int32_t QVRCS_ConvertGormCoef(const ConversionContext& context, const Postmix& p
                 QVRCS_OK);
   return QVRCS_OK;
 }
+
+}  // namespace qvrcs

@@ -1,6 +1,8 @@
 // The conversion context and the meaning of the conversion statuses.
 #include "qvrcs/qvrcs.h"
 
+namespace qvrcs {
+
 void QVRCS_InitContext(ConversionContext& context, uint32_t sampleRate) {
   context.sampleRate = sampleRate;
 }
@@ -21,3 +23,5 @@ const char* QVRCS_StatusText(int32_t status) {
       return "unknown status";
   }
 }
+
+}  // namespace qvrcs

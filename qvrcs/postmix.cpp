@@ -11,14 +11,12 @@
 #include "qvrcs/sections.h"
 #include "qvrcs/templates.h"
 
+namespace qvrcs {
+
 using com::qvr::pb::coef::CoefTable;
 using com::qvr::pb::korva_v1_1::KorvaSettings;
 using com::qvr::pb::korva_v1_1::Postmix;
 using com::qvr::pb::wbn::ResourceLocator;
-using qvrcs::BlockView;
-
-using qvrcs::Section;
-using qvrcs::SectionId;
 
 namespace {
 
@@ -27,31 +25,31 @@ using LocatorList = google::protobuf::RepeatedPtrField<ResourceLocator>;
 // Every locator loads into the same slot, so the last success remains; the
 // first failure stops the walk. 1 (empty uuid) goes on.
 int32_t LoadRooms(const LocatorList& locators, const ListeningModelList& models, BlockView block,
-                  SectionId id, uint32_t sampleRate, qvrcs::TraceObserver* trace) {
-  const qvrcs::SectionInfo& slot = Section(id);
+                  SectionId id, uint32_t sampleRate, TraceObserver* trace) {
+  const SectionInfo& slot = Section(id);
   int32_t status = QVRCS_OK;
   for (int i = 0; i < locators.size(); ++i) {
-    qvrcs::LocatorStamp stamp(trace, id, i);
+    LocatorStamp stamp(trace, id, i);
     status = QVRCS_LoadRoom(locators.Get(i).uuid(), models, block.At(slot.offset), slot.size, sampleRate,
                             stamp.Get());
     if (status < 0) break;
   }
-  qvrcs::TraceStatus(trace, id, status);
+  TraceStatus(trace, id, status);
   return status;
 }
 
 // Every locator is tried and only the last one's status counts: an earlier
 // failure is deliberately forgiven.
 int32_t LoadHeadphoneEqs(const LocatorList& locators, const ListeningModelList& models,
-                         BlockView block, uint32_t sampleRate, qvrcs::TraceObserver* trace) {
-  const qvrcs::SectionInfo& slot = Section(SectionId::kHeadphoneEq);
+                         BlockView block, uint32_t sampleRate, TraceObserver* trace) {
+  const SectionInfo& slot = Section(SectionId::kHeadphoneEq);
   int32_t status = QVRCS_OK;
   for (int i = 0; i < locators.size(); ++i) {
-    qvrcs::LocatorStamp stamp(trace, SectionId::kHeadphoneEq, i);
+    LocatorStamp stamp(trace, SectionId::kHeadphoneEq, i);
     status = QVRCS_LoadHeadphoneEq(locators.Get(i).uuid(), models, block.At(slot.offset), slot.size,
                                    sampleRate, stamp.Get());
   }
-  qvrcs::TraceStatus(trace, SectionId::kHeadphoneEq, status);
+  TraceStatus(trace, SectionId::kHeadphoneEq, status);
   return status;
 }
 
@@ -59,32 +57,32 @@ int32_t LoadHeadphoneEqs(const LocatorList& locators, const ListeningModelList& 
 // or a table longer than the area, leaves the coefficients as they were.
 // Value-only selection, and the first table for the rate is final.
 void ConvertHpfCoef(const ConversionContext& context, const Postmix& postmix, BlockView block,
-                    qvrcs::TraceObserver* trace) {
+                    TraceObserver* trace) {
   if (postmix.has_hpf_coef()) {
     const auto& hpf = postmix.hpf_coef();
-    if (hpf.has_order()) qvrcs::StoreSectionWord(block, SectionId::kHighPassOrder, hpf.order(), true, trace);
-    const qvrcs::SectionInfo& coefs = Section(SectionId::kHighPassCoefs);
-    qvrcs::LocatorStamp stamp(trace, SectionId::kHighPassCoefs, -1);
+    if (hpf.has_order()) StoreSectionWord(block, SectionId::kHighPassOrder, hpf.order(), true, trace);
+    const SectionInfo& coefs = Section(SectionId::kHighPassCoefs);
+    LocatorStamp stamp(trace, SectionId::kHighPassCoefs, -1);
     for (int i = 0; i < hpf.coeffs_size(); ++i) {
       const CoefTable& table = hpf.coeffs(i);
-      if (!qvrcs::TableRateIs(table, context.sampleRate)) continue;
+      if (!TableRateIs(table, context.sampleRate)) continue;
       if (static_cast<size_t>(table.coeff_32_size()) <= coefs.capacity()) {
-        qvrcs::PackTable(block, coefs.offset, coefs.size, table, i, 32, stamp.Get());
+        PackTable(block, coefs.offset, coefs.size, table, i, 32, stamp.Get());
       } else {
-        qvrcs::TraceTooLong(stamp.Get(), table, i, 32);
+        TraceTooLong(stamp.Get(), table, i, 32);
       }
       break;
     }
   }
-  qvrcs::TraceStatus(trace, SectionId::kHighPassOrder, QVRCS_OK);
-  qvrcs::TraceStatus(trace, SectionId::kHighPassCoefs, QVRCS_OK);
+  TraceStatus(trace, SectionId::kHighPassOrder, QVRCS_OK);
+  TraceStatus(trace, SectionId::kHighPassCoefs, QVRCS_OK);
 }
 
 }  // namespace
 
 int32_t QVRCS_ConvertPostmix(const ConversionContext& context, const KorvaSettings& settings,
-                             qvrcs::PostmixBlock& block, bool useTemplate,
-                             const ListeningModelList& models, qvrcs::TraceObserver* trace) {
+                             PostmixBlock& block, bool useTemplate,
+                             const ListeningModelList& models, TraceObserver* trace) {
   if (useTemplate) block = kPostmixTemplate;
   const BlockView whole{block.data(), block.size(), 0};
 
@@ -125,3 +123,5 @@ int32_t QVRCS_ConvertPostmix(const ConversionContext& context, const KorvaSettin
   if (status < 0) return status;
   return QVRCS_ConvertGormCoef(context, postmix, whole, trace);
 }
+
+}  // namespace qvrcs

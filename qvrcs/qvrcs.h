@@ -15,6 +15,8 @@
 #include "qvrcs/layout.h"
 #include "qvrcs/trace.h"
 
+namespace qvrcs {
+
 // ---- Status codes of the conversion ------------------------------------------
 constexpr int32_t QVRCS_OK = 0;
 constexpr int32_t QVRCS_NOTHING_TO_LOAD = 1;                // never a failure
@@ -41,58 +43,58 @@ void QVRCS_InitContext(ConversionContext& context, uint32_t sampleRate);
 // ---- Premix block ------------------------------------------------------------
 int32_t QVRCS_ConvertPremix(const ConversionContext& context,
                             const com::qvr::pb::korva_v1_1::KorvaSettings& settings,
-                            qvrcs::PremixBlock& block, bool useTemplate,
-    qvrcs::TraceObserver* trace = nullptr);
+                            PremixBlock& block, bool useTemplate,
+    TraceObserver* trace = nullptr);
 void QVRCS_ConvertDravo(const ConversionContext& context,
                         const com::qvr::pb::korva_v1_1::KorvaSettings& settings,
-                        qvrcs::BlockView block,
-    qvrcs::TraceObserver* trace = nullptr);
+                        BlockView block,
+    TraceObserver* trace = nullptr);
 // Fills a 96-byte Enhance2 section; 0 or QVRCS_ERR_NEGATIVE_REF_HTEST.
 int32_t QVRCS_ConvertEnhance2(const ConversionContext& context,
                               const com::qvr::pb::tech::Enhance2& enhance2,
-                              qvrcs::BlockView section,
-    qvrcs::TraceObserver* trace = nullptr);
+                              BlockView section,
+    TraceObserver* trace = nullptr);
 
 // ---- Postmix control section (bytes 0..411) ----------------------------------
 int32_t QVRCS_ConvertPostmixControls(const ConversionContext& context,
                                      const com::qvr::pb::korva_v1_1::KorvaSettings& settings,
-                                     qvrcs::BlockView block,
-    qvrcs::TraceObserver* trace = nullptr);
+                                     BlockView block,
+    TraceObserver* trace = nullptr);
 void QVRCS_ConvertVelmo(const ConversionContext& context,
                         const com::qvr::pb::korva_v1_1::KorvaSettings& settings,
-                        qvrcs::BlockView section,
-    qvrcs::TraceObserver* trace = nullptr);
+                        BlockView section,
+    TraceObserver* trace = nullptr);
 void QVRCS_ConvertMox3d(const ConversionContext& context,
                         const com::qvr::pb::korva_v1_1::KorvaSettings& settings,
-                        qvrcs::BlockView section,
-    qvrcs::TraceObserver* trace = nullptr);
+                        BlockView section,
+    TraceObserver* trace = nullptr);
 void QVRCS_ConvertOmbra(const ConversionContext& context,
                         const com::qvr::pb::korva_v1_1::KorvaSettings& settings,
-                        qvrcs::BlockView section,
-    qvrcs::TraceObserver* trace = nullptr);
+                        BlockView section,
+    TraceObserver* trace = nullptr);
 void QVRCS_ConvertGorm(const ConversionContext& context,
                        const com::qvr::pb::korva_v1_1::KorvaSettings& settings,
-                       qvrcs::BlockView section,
-    qvrcs::TraceObserver* trace = nullptr);
+                       BlockView section,
+    TraceObserver* trace = nullptr);
 void QVRCS_ConvertGeq10b(const ConversionContext& context,
                          const com::qvr::pb::korva_v1_1::KorvaSettings& settings,
-                         qvrcs::BlockView section,
-    qvrcs::TraceObserver* trace = nullptr);
+                         BlockView section,
+    TraceObserver* trace = nullptr);
 void QVRCS_ConvertAeq(const ConversionContext& context,
                       const com::qvr::pb::korva_v1_1::KorvaSettings& settings,
-                      qvrcs::BlockView section,
-    qvrcs::TraceObserver* trace = nullptr);
+                      BlockView section,
+    TraceObserver* trace = nullptr);
 void QVRCS_ConvertZell(const ConversionContext& context,
                        const com::qvr::pb::korva_v1_1::KorvaSettings& settings,
-                       qvrcs::BlockView section,
-    qvrcs::TraceObserver* trace = nullptr);
+                       BlockView section,
+    TraceObserver* trace = nullptr);
 
 // ---- Whole postmix block -----------------------------------------------------
 int32_t QVRCS_ConvertPostmix(const ConversionContext& context,
                              const com::qvr::pb::korva_v1_1::KorvaSettings& settings,
-                             qvrcs::PostmixBlock& block, bool useTemplate,
+                             PostmixBlock& block, bool useTemplate,
                              const ListeningModelList& models,
-    qvrcs::TraceObserver* trace = nullptr);
+    TraceObserver* trace = nullptr);
 
 // ---- Coefficient tables ------------------------------------------------------
 // First table whose sampleRate is present and equals `sampleRate`, or nullptr.
@@ -101,30 +103,32 @@ const com::qvr::pb::coef::CoefTable* QVRCS_FindCoefTable(
     uint32_t sampleRate);
 int32_t QVRCS_ConvertVelmoXoverCoef(const ConversionContext& context,
                                     const com::qvr::pb::korva_v1_1::Postmix& postmix,
-                                    qvrcs::BlockView block,
-    qvrcs::TraceObserver* trace = nullptr);
+                                    BlockView block,
+    TraceObserver* trace = nullptr);
 int32_t QVRCS_ConvertVelmoHpfCoef(const ConversionContext& context,
                                   const com::qvr::pb::korva_v1_1::Postmix& postmix,
-                                  qvrcs::BlockView block,
-    qvrcs::TraceObserver* trace = nullptr);
+                                  BlockView block,
+    TraceObserver* trace = nullptr);
 int32_t QVRCS_ConvertGormCoef(const ConversionContext& context,
                               const com::qvr::pb::korva_v1_1::Postmix& postmix,
-                              qvrcs::BlockView block,
-    qvrcs::TraceObserver* trace = nullptr);
+                              BlockView block,
+    TraceObserver* trace = nullptr);
 
 // ---- Rooms, headphone EQ, AEQ ------------------------------------------------
 int32_t QVRCS_LoadRoom(const std::string& uuid, const ListeningModelList& models,
-                       qvrcs::BlockView slot, size_t capacity, uint32_t sampleRate,
-    qvrcs::TraceObserver* trace = nullptr);
+                       BlockView slot, size_t capacity, uint32_t sampleRate,
+    TraceObserver* trace = nullptr);
 int32_t QVRCS_LoadHeadphoneEq(const std::string& uuid, const ListeningModelList& models,
-                              qvrcs::BlockView slot, size_t capacity, uint32_t sampleRate,
-    qvrcs::TraceObserver* trace = nullptr);
-bool QVRCS_PackUuid(const std::string& uuid, qvrcs::BlockView destination);
+                              BlockView slot, size_t capacity, uint32_t sampleRate,
+    TraceObserver* trace = nullptr);
+bool QVRCS_PackUuid(const std::string& uuid, BlockView destination);
 bool QVRCS_UuidEqualsIgnoreCase(const std::string& a, const std::string& b);
 int32_t QVRCS_ConvertAeqCoef(const ConversionContext& context,
                              const com::qvr::pb::korva_v1_1::Postmix& postmix,
-                             const ListeningModelList& models, qvrcs::BlockView block,
-    qvrcs::TraceObserver* trace = nullptr);
+                             const ListeningModelList& models, BlockView block,
+    TraceObserver* trace = nullptr);
 int32_t QVRCS_LoadAeq(const std::string& uuid, const ListeningModelList& models,
-                      qvrcs::BlockView record, uint32_t sampleRate,
-    qvrcs::TraceObserver* trace = nullptr);
+                      BlockView record, uint32_t sampleRate,
+    TraceObserver* trace = nullptr);
+
+}  // namespace qvrcs

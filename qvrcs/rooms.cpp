@@ -9,11 +9,12 @@
 #include "qvrcs/qvrcs.h"
 #include "qvrcs/record_layout.h"
 
+namespace qvrcs {
+
 using com::qvr::pb::coef::CoefTable;
 using com::qvr::pb::model::headphoneEq;
 using com::qvr::pb::model::listeningModel;
 using com::qvr::pb::model::roomModel;
-using qvrcs::BlockView;
 
 namespace {
 
@@ -21,20 +22,6 @@ constexpr size_t kUuidTextLength = 36;  // 8-4-4-4-12 hex digits with dashes
 constexpr size_t kUuidBytes = 16;
 
 // Record layouts: qvrcs/record_layout.h.
-using qvrcs::kHpeqCoefs;
-using qvrcs::kHpeqLeadValues;
-using qvrcs::kHpeqLength;
-using qvrcs::kHpeqMaxTaps;
-using qvrcs::kHpeqSampleRate;
-using qvrcs::kHpeqUuid;
-using qvrcs::kRoomBrirLength;
-using qvrcs::kRoomChannelMask;
-using qvrcs::kRoomCoefs;
-using qvrcs::kRoomNumPairs;
-using qvrcs::kRoomReverbCut;
-using qvrcs::kRoomReverbGain;
-using qvrcs::kRoomSampleRate;
-using qvrcs::kRoomUuid;
 
 int HexValue(char c) {
   if (c >= '0' && c <= '9') return c - '0';
@@ -54,66 +41,66 @@ int32_t AsWord(uint32_t value) {
 // The room record into `slot`; `event` (the locator's trace event) learns the
 // table chosen and where the record ends.
 int32_t LoadRoom(const roomModel* room, BlockView slot, size_t capacity, uint32_t sampleRate,
-                 qvrcs::TraceEvent& event, qvrcs::TraceObserver* trace) {
+                 TraceEvent& event, TraceObserver* trace) {
   if (room == nullptr) return QVRCS_ERR_UNKNOWN_ROOM;
 
   const auto& tables = room->coefftables();
-  const int index = qvrcs::FindCoefTableIndex(tables, sampleRate);
+  const int index = FindCoefTableIndex(tables, sampleRate);
   if (index < 0) return QVRCS_ERR_NO_COEF_TABLE;
   const CoefTable* table = &tables.Get(index);
-  event.table = qvrcs::TableChoice(*table, index, 16);
+  event.table = TableChoice(*table, index, 16);
   if (table->coeff_16_size() == 0) return QVRCS_ERR_NO_COEF_TABLE;
 
   const size_t count = static_cast<size_t>(table->coeff_16_size());
   event.end = slot.base + kRoomCoefs + 2 * count;
-  if (trace != nullptr) qvrcs::NoteWraps(table->coeff_16(), event);
+  if (trace != nullptr) NoteWraps(table->coeff_16(), event);
   if (kRoomCoefs > capacity || count > (capacity - kRoomCoefs) / 2) {
     return QVRCS_ERR_RECORD_TOO_LARGE;
   }
 
   event.uuidPacked = QVRCS_PackUuid(room->uuid(), slot.At(kRoomUuid));
-  qvrcs::StoreI32(slot, kRoomChannelMask, AsWord(room->channelmask()));
-  qvrcs::StoreI32(slot, kRoomNumPairs, AsWord(room->numpairs()));
-  qvrcs::StoreI32(slot, kRoomBrirLength, AsWord(room->brirlength()));
-  qvrcs::StoreI32(slot, kRoomSampleRate, table->samplerate());
-  qvrcs::StoreI32(slot, kRoomReverbGain, room->reverbgain());
-  qvrcs::StoreI32(slot, kRoomReverbCut, AsWord(room->reverbcut()));
-  qvrcs::PackTable(slot, kRoomCoefs, capacity - kRoomCoefs, *table, event.table.index, 16, trace);
+  StoreI32(slot, kRoomChannelMask, AsWord(room->channelmask()));
+  StoreI32(slot, kRoomNumPairs, AsWord(room->numpairs()));
+  StoreI32(slot, kRoomBrirLength, AsWord(room->brirlength()));
+  StoreI32(slot, kRoomSampleRate, table->samplerate());
+  StoreI32(slot, kRoomReverbGain, room->reverbgain());
+  StoreI32(slot, kRoomReverbCut, AsWord(room->reverbcut()));
+  PackTable(slot, kRoomCoefs, capacity - kRoomCoefs, *table, event.table.index, 16, trace);
   return QVRCS_OK;
 }
 
 int32_t LoadHeadphoneEq(const headphoneEq* eq, BlockView slot, size_t capacity, uint32_t sampleRate,
-                        qvrcs::TraceEvent& event, qvrcs::TraceObserver* trace) {
+                        TraceEvent& event, TraceObserver* trace) {
   if (eq == nullptr) return QVRCS_NOTHING_TO_LOAD;  // an unknown headphone EQ is not an error
 
   const auto& tables = eq->coefftables();
-  const int index = qvrcs::FindCoefTableIndex(tables, sampleRate);
+  const int index = FindCoefTableIndex(tables, sampleRate);
   if (index < 0) return QVRCS_ERR_NO_COEF_TABLE;
   const CoefTable* table = &tables.Get(index);
-  event.table = qvrcs::TableChoice(*table, index, 16);
+  event.table = TableChoice(*table, index, 16);
   event.length = eq->ihpirlength();
   if (table->coeff_16_size() == 0) return QVRCS_ERR_NO_COEF_TABLE;
 
-  if (trace != nullptr) qvrcs::NoteWraps(table->coeff_16(), event);
-  qvrcs::StoreI32(slot, kHpeqSampleRate, table->samplerate());
+  if (trace != nullptr) NoteWraps(table->coeff_16(), event);
+  StoreI32(slot, kHpeqSampleRate, table->samplerate());
   event.uuidPacked = QVRCS_PackUuid(eq->uuid(), slot.At(kHpeqUuid));
 
-  const qvrcs::CoefValues& values = table->coeff_16();
+  const CoefValues& values = table->coeff_16();
   size_t at = kHpeqCoefs;
   for (size_t i = 0; i < kHpeqLeadValues; ++i, at += 2) {
-    qvrcs::StoreI16(slot, at, qvrcs::ValueOrZero(values, i));
+    StoreI16(slot, at, ValueOrZero(values, i));
   }
 
   if (eq->ihpirlength() <= kHpeqMaxTaps) {
     // Short form: the rest of the table in order, not bounded by the slot
     // (the block's end still is).
-    qvrcs::StoreI32(slot, kHpeqLength, AsWord(eq->ihpirlength()));
+    StoreI32(slot, kHpeqLength, AsWord(eq->ihpirlength()));
     size_t written = std::min(static_cast<size_t>(values.size()), kHpeqLeadValues);
     if (static_cast<size_t>(values.size()) > kHpeqLeadValues) {
-      written += qvrcs::StoreI16Run(slot, at, values.data() + kHpeqLeadValues,
+      written += StoreI16Run(slot, at, values.data() + kHpeqLeadValues,
                                     static_cast<size_t>(values.size()) - kHpeqLeadValues);
     }
-    qvrcs::TraceRun(trace, slot, kHpeqCoefs, capacity - kHpeqCoefs, *table, event.table.index, 16, written);
+    TraceRun(trace, slot, kHpeqCoefs, capacity - kHpeqCoefs, *table, event.table.index, 16, written);
     event.end = slot.base + kHpeqCoefs + 2 * static_cast<size_t>(values.size());
     return QVRCS_OK;
   }
@@ -129,12 +116,12 @@ int32_t LoadHeadphoneEq(const headphoneEq* eq, BlockView slot, size_t capacity, 
   const size_t firstHalf = kHpeqLeadValues;
   const auto secondHalf = static_cast<size_t>(lead + (count - lead) / 2);  // truncates toward 0
 
-  qvrcs::StoreI32(slot, kHpeqLength, AsWord(kHpeqMaxTaps));
+  StoreI32(slot, kHpeqLength, AsWord(kHpeqMaxTaps));
   for (size_t i = 0; i < taps; ++i, at += 2) {
-    qvrcs::StoreI16(slot, at, qvrcs::ValueOrZero(values, firstHalf + i));
+    StoreI16(slot, at, ValueOrZero(values, firstHalf + i));
   }
   for (size_t i = 0; i < taps; ++i, at += 2) {
-    qvrcs::StoreI16(slot, at, qvrcs::ValueOrZero(values, secondHalf + i));
+    StoreI16(slot, at, ValueOrZero(values, secondHalf + i));
   }
   event.taps = static_cast<uint32_t>(taps);
   event.end = slot.base + at;
@@ -166,7 +153,7 @@ bool QVRCS_PackUuid(const std::string& uuid, BlockView destination) {
                           static_cast<uint32_t>(bytes[4 * w + 1]) << 8 |
                           static_cast<uint32_t>(bytes[4 * w + 2]) << 16 |
                           static_cast<uint32_t>(bytes[4 * w + 3]) << 24;
-    qvrcs::StoreI32(destination, 4 * w, static_cast<int32_t>(word));
+    StoreI32(destination, 4 * w, static_cast<int32_t>(word));
   }
   return produced == kUuidBytes;
 }
@@ -185,28 +172,30 @@ bool QVRCS_UuidEqualsIgnoreCase(const std::string& a, const std::string& b) {
 }
 
 int32_t QVRCS_LoadRoom(const std::string& uuid, const ListeningModelList& models, BlockView slot,
-                       size_t capacity, uint32_t sampleRate, qvrcs::TraceObserver* trace) {
+                       size_t capacity, uint32_t sampleRate, TraceObserver* trace) {
   if (uuid.empty()) {
     if (trace != nullptr) {
-      qvrcs::TraceEvent event = qvrcs::LocatorEvent(qvrcs::ModelMatch<roomModel>{}, uuid);
+      TraceEvent event = LocatorEvent(ModelMatch<roomModel>{}, uuid);
       event.status = QVRCS_NOTHING_TO_LOAD;
       trace->OnEvent(event);
     }
     return QVRCS_NOTHING_TO_LOAD;
   }
 
-  return qvrcs::LoadLocated<roomModel>(uuid, models, RoomsOf, capacity, trace,
-                                       [&](const roomModel* room, qvrcs::TraceEvent& event) {
+  return LoadLocated<roomModel>(uuid, models, RoomsOf, capacity, trace,
+                                       [&](const roomModel* room, TraceEvent& event) {
                                          return LoadRoom(room, slot, capacity, sampleRate, event, trace);
                                        });
 }
 
 int32_t QVRCS_LoadHeadphoneEq(const std::string& uuid, const ListeningModelList& models,
                               BlockView slot, size_t capacity, uint32_t sampleRate,
-                              qvrcs::TraceObserver* trace) {
+                              TraceObserver* trace) {
   // No shortcut for an empty uuid: it matches a headphone EQ without one.
-  return qvrcs::LoadLocated<headphoneEq>(uuid, models, HeadphonesOf, capacity, trace,
-                                         [&](const headphoneEq* eq, qvrcs::TraceEvent& event) {
+  return LoadLocated<headphoneEq>(uuid, models, HeadphonesOf, capacity, trace,
+                                         [&](const headphoneEq* eq, TraceEvent& event) {
                                            return LoadHeadphoneEq(eq, slot, capacity, sampleRate, event, trace);
                                          });
 }
+
+}  // namespace qvrcs

@@ -158,5 +158,9 @@ static_assert(kPostmixImage.Described(kPostmixFixedWords, kMultichRoomSlot), "th
 }  // namespace qvrcs
 
 // Constant initialisation: the bytes are in the binary's read-only data.
-constexpr qvrcs::PremixBlock kPremixTemplate = qvrcs::kPremixImage.bytes;
-constexpr qvrcs::PostmixBlock kPostmixTemplate = qvrcs::kPostmixImage.bytes;
+namespace qvrcs {
+
+constexpr PremixBlock kPremixTemplate = kPremixImage.bytes;
+constexpr PostmixBlock kPostmixTemplate = kPostmixImage.bytes;
+
+}  // namespace qvrcs

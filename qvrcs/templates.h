@@ -9,5 +9,9 @@
 
 #include "qvrcs/layout.h"
 
-extern const qvrcs::PremixBlock kPremixTemplate;
-extern const qvrcs::PostmixBlock kPostmixTemplate;
+namespace qvrcs {
+
+extern const PremixBlock kPremixTemplate;
+extern const PostmixBlock kPostmixTemplate;
+
+}  // namespace qvrcs

@@ -3,11 +3,9 @@
 #include "block_support.h"
 #include "qvrcs/block_map.h"
 
-namespace block_test {
+namespace qvrcs::block_test {
 namespace {
 
-using qvrcs::FieldInfo;
-using qvrcs::FieldKind;
 
 // A value per map entry that tells the entries apart in both halves and is
 // neither negative (ref_htest) nor -1 (zell_multi_ch).
@@ -53,15 +51,15 @@ void ExpectMapMatchesConverter(const std::vector<FieldInfo>& map, size_t size,
 TEST(BlockMapTest, MapsMatchTheConvertersFieldForField) {
   ConversionContext context;
   QVRCS_InitContext(context, kRate);
-  ExpectMapMatchesConverter(qvrcs::PremixFieldMap(), qvrcs::kPremixBlockSize, kPremixTemplate,
+  ExpectMapMatchesConverter(PremixFieldMap(), kPremixBlockSize, kPremixTemplate,
                             [&](const KorvaSettings& s, PremixBytes& block) {
                               return QVRCS_ConvertPremix(context, s, *block.bytes, true);
                             });
-  ExpectMapMatchesConverter(qvrcs::PostmixControlFieldMap(), qvrcs::kPostmixControlSize, kPostmixTemplate,
+  ExpectMapMatchesConverter(PostmixControlFieldMap(), kPostmixControlSize, kPostmixTemplate,
                             [&](const KorvaSettings& s, PostmixBytes& block) {
                               return QVRCS_ConvertPostmixControls(context, s, block.View());
                             });
 }
 
 }  // namespace
-}  // namespace block_test
+}  // namespace qvrcs::block_test

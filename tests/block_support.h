@@ -22,7 +22,7 @@
 #include "qvrcs/qvrcs.h"
 #include "qvrcs/templates.h"
 
-namespace block_test {
+namespace qvrcs::block_test {
 
 using com::qvr::pb::coef::CoefTable;
 using com::qvr::pb::korva_v1_1::KorvaSettings;
@@ -43,19 +43,19 @@ struct Block {
   explicit Block(const std::array<uint8_t, N>& from) { *bytes = from; }
   Block(const Block& other) : Block(*other.bytes) {}
 
-  qvrcs::BlockView View() const { return qvrcs::BlockView{bytes->data(), N, 0}; }
-  int32_t I32(size_t offset) const { return qvrcs::LoadI32(bytes->data(), N, offset); }
-  int16_t I16(size_t offset) const { return qvrcs::LoadI16(bytes->data(), N, offset); }
+  BlockView View() const { return BlockView{bytes->data(), N, 0}; }
+  int32_t I32(size_t offset) const { return LoadI32(bytes->data(), N, offset); }
+  int16_t I16(size_t offset) const { return LoadI16(bytes->data(), N, offset); }
   int32_t U16(size_t offset) const { return static_cast<uint16_t>(I16(offset)); }
   uint8_t operator[](size_t offset) const { return (*bytes)[offset]; }
 };
 
-using PremixBytes = Block<qvrcs::kPremixBlockSize>;
-using PostmixBytes = Block<qvrcs::kPostmixBlockSize>;
+using PremixBytes = Block<kPremixBlockSize>;
+using PostmixBytes = Block<kPostmixBlockSize>;
 
 template <size_t N>
 int32_t I32(const std::array<uint8_t, N>& block, size_t offset) {
-  return qvrcs::LoadI32(block.data(), N, offset);
+  return LoadI32(block.data(), N, offset);
 }
 
 // Offsets at which `block` differs from `reference`.
@@ -176,7 +176,7 @@ struct PathTarget {
 
 inline PathTarget Resolve(google::protobuf::Message& root, const std::string& path) {
   google::protobuf::Message* message = &root;
-  const std::vector<qvrcs::PathStep> steps = qvrcs::SplitFieldPath(path);
+  const std::vector<PathStep> steps = SplitFieldPath(path);
   for (size_t i = 0; i < steps.size(); ++i) {
     const auto* field = message->GetDescriptor()->FindFieldByName(steps[i].name);
     if (field == nullptr) return PathTarget{};
@@ -204,4 +204,4 @@ inline bool SetByPath(google::protobuf::Message& root, const std::string& path, 
   return true;
 }
 
-}  // namespace block_test
+}  // namespace qvrcs::block_test

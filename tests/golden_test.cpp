@@ -66,8 +66,8 @@ void ExpectFixture(const std::string& name, const std::vector<uint8_t>& payload,
 
 TEST(GoldenTest, TemplatesMatchTheirFixture) {
   std::vector<uint8_t> payload(qvr::kCacheBlockSize, 0);
-  std::copy(kPremixTemplate.begin(), kPremixTemplate.end(), payload.begin() + qvr::kPremixPayloadOffset);
-  std::copy(kPostmixTemplate.begin(), kPostmixTemplate.end(), payload.begin() + qvr::kPostmixPayloadOffset);
+  std::copy(qvrcs::kPremixTemplate.begin(), qvrcs::kPremixTemplate.end(), payload.begin() + qvr::kPremixPayloadOffset);
+  std::copy(qvrcs::kPostmixTemplate.begin(), qvrcs::kPostmixTemplate.end(), payload.begin() + qvr::kPostmixPayloadOffset);
   ExpectFixture("templates", payload, "The two default blocks at their payload offsets.");
 }
 

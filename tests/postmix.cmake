@@ -4,11 +4,11 @@ qvr_add_test(postmix_sections_test
   SOURCES ${CMAKE_CURRENT_LIST_DIR}/postmix_coef_test.cpp
           ${CMAKE_CURRENT_LIST_DIR}/postmix_rooms_test.cpp
           ${CMAKE_CURRENT_LIST_DIR}/postmix_aeq_test.cpp
-  LIBS qvrcs)
+  LIBS qvrcs_conversion)
 
 qvr_add_test(postmix_block_test
   SOURCES ${CMAKE_CURRENT_LIST_DIR}/postmix_block_test.cpp
-  LIBS qvrcs)
+  LIBS qvrcs_conversion)
 
 qvr_add_test(tuning_reader_test
   SOURCES ${CMAKE_CURRENT_LIST_DIR}/tuning_reader_test.cpp

@@ -3,7 +3,7 @@
 #include "block_support.h"
 #include "qvrcs/record_layout.h"
 
-namespace block_test {
+namespace qvrcs::block_test {
 namespace {
 
 using Block = PostmixBytes;
@@ -12,9 +12,9 @@ using com::qvr::pb::coef::FilterBank;
 using com::qvr::pb::korva_v1_1::Postmix;
 using com::qvr::pb::model::listeningModel;
 
-constexpr size_t kRecord = qvrcs::kAeqRecord;
-constexpr size_t kChannel1 = kRecord + qvrcs::kAeqChannel1;
-constexpr size_t kRecordEnd = kRecord + qvrcs::kAeqRecordSize;
+constexpr size_t kRecord = kAeqRecord;
+constexpr size_t kChannel1 = kRecord + kAeqChannel1;
+constexpr size_t kRecordEnd = kRecord + kAeqRecordSize;
 
 // A bank whose IIR table for `rate` (if any) holds `coefs`.
 void AddBank(Aeq* aeq, std::optional<int32_t> order, std::optional<int32_t> rate,
@@ -33,7 +33,7 @@ Aeq* AddAeq(listeningModel* model, const std::string& uuid) {
 // Channel section: order word, -1, the coefficients, zeros up to 336 words.
 testing::AssertionResult ChannelIs(const Block& block, size_t at, int32_t order,
                                    const std::vector<int32_t>& coefs) {
-  std::vector<int32_t> words(qvrcs::kAeqChannelWords, 0);
+  std::vector<int32_t> words(kAeqChannelWords, 0);
   words[0] = order;
   words[1] = -1;
   std::copy(coefs.begin(), coefs.end(), words.begin() + 2);
@@ -58,7 +58,7 @@ TEST(AeqLoad, WithMoreThanTwoBanksOnlyBanksWithATableForTheRateCount) {
   EXPECT_TRUE(ChannelIs(block, kRecord, 24, Ramp(10, 100)));  // no iirOrder: 24
   EXPECT_TRUE(ChannelIs(block, kChannel1, 8, Ramp(334, -500)));
   EXPECT_TRUE(AllBytes(block, 0, kRecord, kFill));
-  EXPECT_TRUE(AllBytes(block, kRecordEnd, qvrcs::kPostmixBlockSize, kFill));
+  EXPECT_TRUE(AllBytes(block, kRecordEnd, kPostmixBlockSize, kFill));
   // Selection does not touch the listening model.
   EXPECT_EQ(model.SerializeAsString(), before);
 }
@@ -76,7 +76,7 @@ TEST(AeqLoad, TwoBanksAreTakenAsTheyAreAndAFailureLeavesAPartialRecord) {
   EXPECT_EQ(Load(model, "first-unusable", block), QVRCS_ERR_NO_COEF_TABLE);
   EXPECT_TRUE(ChannelIs(block, kRecord, 6, {}));
   EXPECT_TRUE(ChannelIs(block, kChannel1, 12, {1, 2, 3}));
-  EXPECT_TRUE(AllBytes(block, kRecordEnd, qvrcs::kPostmixBlockSize, kFill));
+  EXPECT_TRUE(AllBytes(block, kRecordEnd, kPostmixBlockSize, kFill));
 
   Block other;
   EXPECT_EQ(Load(model, "second-unusable", other), QVRCS_ERR_NO_COEF_TABLE);
@@ -96,7 +96,7 @@ TEST(AeqLoad, TooFewBanksOrUnknownUuidWriteNothing) {
   for (const char* uuid : {"one-bank", "one-usable-of-three", "no-banks", "unknown", ""}) {
     Block block;
     EXPECT_EQ(Load(model, uuid, block), QVRCS_ERR_NO_COEF_TABLE) << uuid;
-    EXPECT_TRUE(AllBytes(block, 0, qvrcs::kPostmixBlockSize, kFill)) << uuid;
+    EXPECT_TRUE(AllBytes(block, 0, kPostmixBlockSize, kFill)) << uuid;
   }
 }
 
@@ -113,7 +113,7 @@ TEST(AeqLoad, LongTablesRunOnButStopAtTheBlockEnd) {
   // value 335 instead of -1.
   EXPECT_TRUE(ChannelIs(block, kRecord, 3, Ramp(334, 1000)));
   EXPECT_TRUE(WordsAre(block, kChannel1, {4, 1335}));
-  EXPECT_TRUE(WordsAre(block, kChannel1 + 8, Ramp((qvrcs::kPostmixBlockSize - (kChannel1 + 8)) / 4, 5000)));
+  EXPECT_TRUE(WordsAre(block, kChannel1 + 8, Ramp((kPostmixBlockSize - (kChannel1 + 8)) / 4, 5000)));
 }
 
 TEST(AeqWalk, FirstLocatorThatLoadsWins) {
@@ -153,8 +153,8 @@ TEST(AeqWalk, FirstLocatorThatLoadsWins) {
 
   Block noUuid;
   EXPECT_EQ(walk({"", ""}, noUuid), QVRCS_NOTHING_TO_LOAD);
-  EXPECT_TRUE(AllBytes(noUuid, 0, qvrcs::kPostmixBlockSize, kFill));
+  EXPECT_TRUE(AllBytes(noUuid, 0, kPostmixBlockSize, kFill));
 }
 
 }  // namespace
-}  // namespace block_test
+}  // namespace qvrcs::block_test

@@ -5,15 +5,15 @@
 #include "block_support.h"
 #include "qvrcs/record_layout.h"
 
-namespace block_test {
+namespace qvrcs::block_test {
 namespace {
 
 using com::qvr::pb::korva_v1_1::Postmix;
 using com::qvr::pb::model::listeningModel;
 
-constexpr size_t kEnd = qvrcs::kPostmixBlockSize;
-constexpr size_t kMultichCoefs = qvrcs::kMultichRoomSlot + qvrcs::kRoomCoefs;
-constexpr size_t kHpeqCoefs = qvrcs::kHeadphoneEqSlot + qvrcs::kHpeqCoefs;
+constexpr size_t kEnd = kPostmixBlockSize;
+constexpr size_t kMultichCoefsAt = kMultichRoomSlot + kRoomCoefs;
+constexpr size_t kHpeqCoefsAt = kHeadphoneEqSlot + kHpeqCoefs;
 
 class PostmixBlockTest : public testing::Test {
  public:  // the case table below builds settings through these
@@ -54,25 +54,25 @@ TEST_F(PostmixBlockTest, EmptySettingsGiveTheTemplateWithEmptyCoefficientSection
   ASSERT_EQ(Convert(block), QVRCS_OK);
   // The control section as its converter alone makes it; the Velmo crossover
   // and high-pass orders and the two Gorm sizes, 0 for absent records.
-  qvrcs::PostmixBlock expected = kPostmixTemplate;
-  const qvrcs::BlockView view{expected.data(), expected.size(), 0};
+  PostmixBlock expected = kPostmixTemplate;
+  const BlockView view{expected.data(), expected.size(), 0};
   QVRCS_ConvertPostmixControls(context_, settings_, view);
-  for (size_t word : {qvrcs::kVelmoXoverOrder, qvrcs::kVelmoHpfOrder, qvrcs::kGormSpeakerSize,
-                      qvrcs::kGormAnalysisSize}) {
-    qvrcs::StoreI32(view, word, 0);
+  for (size_t word : {kVelmoXoverOrder, kVelmoHpfOrder, kGormSpeakerSize,
+                      kGormAnalysisSize}) {
+    StoreI32(view, word, 0);
   }
   EXPECT_TRUE(SameBytes(*block.bytes, expected, 0, kEnd));
 
   // Without the template the caller's bytes are the base.
   PostmixBytes callers;
   ASSERT_EQ(Convert(callers, false), QVRCS_OK);
-  EXPECT_TRUE(AllBytes(callers, qvrcs::kPostmixFixedWords, qvrcs::kVelmoHpfOrder, kFill));
-  EXPECT_TRUE(WordsAre(callers, qvrcs::kVelmoHpfOrder, {0}));
-  EXPECT_TRUE(AllBytes(callers, qvrcs::kVelmoHpfCoefs, qvrcs::kVelmoXoverOrder, kFill));
-  EXPECT_TRUE(WordsAre(callers, qvrcs::kVelmoXoverOrder, {0}));
-  EXPECT_TRUE(AllBytes(callers, qvrcs::kVelmoXoverLpfCoefs, qvrcs::kGormSpeakerSize, kFill));
-  EXPECT_TRUE(WordsAre(callers, qvrcs::kGormSpeakerSize, {0, 0}));
-  EXPECT_TRUE(AllBytes(callers, qvrcs::kGormCoefs, kEnd, kFill));
+  EXPECT_TRUE(AllBytes(callers, kPostmixFixedWords, kVelmoHpfOrder, kFill));
+  EXPECT_TRUE(WordsAre(callers, kVelmoHpfOrder, {0}));
+  EXPECT_TRUE(AllBytes(callers, kVelmoHpfCoefs, kVelmoXoverOrder, kFill));
+  EXPECT_TRUE(WordsAre(callers, kVelmoXoverOrder, {0}));
+  EXPECT_TRUE(AllBytes(callers, kVelmoXoverLpfCoefs, kGormSpeakerSize, kFill));
+  EXPECT_TRUE(WordsAre(callers, kGormSpeakerSize, {0, 0}));
+  EXPECT_TRUE(AllBytes(callers, kGormCoefs, kEnd, kFill));
 }
 
 // The sections are filled in block order and the first failure ends the
@@ -85,7 +85,7 @@ TEST_F(PostmixBlockTest, FirstFailureEndsTheConversionInFillOrder) {
     size_t templateFrom;                          // the template from here to the block's end
     std::function<void(const PostmixBytes&)> loaded;  // what the steps before the failure left, if checked
   };
-  const auto multichLoaded = [](const PostmixBytes& b) { EXPECT_TRUE(HalfWordsAre(b, kMultichCoefs, {2, 2})); };
+  const auto multichLoaded = [](const PostmixBytes& b) { EXPECT_TRUE(HalfWordsAre(b, kMultichCoefsAt, {2, 2})); };
   const std::vector<Case> cases = {
       {"control section",
        [](PostmixBlockTest& t) {
@@ -93,7 +93,7 @@ TEST_F(PostmixBlockTest, FirstFailureEndsTheConversionInFillOrder) {
          AddRoom(t.model(), "a", {1});
          t.postmix().add_multichroom()->set_uuid("a");
        },
-       QVRCS_ERR_NEGATIVE_REF_HTEST, qvrcs::kPostmixControlSize, nullptr},
+       QVRCS_ERR_NEGATIVE_REF_HTEST, kPostmixControlSize, nullptr},
       {"unknown multichannel room between two that load",
        [](PostmixBlockTest& t) {
          AddRoom(t.model(), "b", {2, 2});
@@ -102,7 +102,7 @@ TEST_F(PostmixBlockTest, FirstFailureEndsTheConversionInFillOrder) {
          t.postmix().add_multichroom()->set_uuid("unknown");
          t.postmix().add_multichroom()->set_uuid("c");  // not reached
        },
-       QVRCS_ERR_UNKNOWN_ROOM, qvrcs::kFrontRoomSlot, multichLoaded},
+       QVRCS_ERR_UNKNOWN_ROOM, kFrontRoomSlot, multichLoaded},
       {"front room too large for its slot",
        [](PostmixBlockTest& t) {
          AddRoom(t.model(), "b", {2, 2});
@@ -111,7 +111,7 @@ TEST_F(PostmixBlockTest, FirstFailureEndsTheConversionInFillOrder) {
          t.postmix().add_frontroom()->set_uuid("big");
          t.postmix().add_wideroom()->set_uuid("b");
        },
-       QVRCS_ERR_RECORD_TOO_LARGE, qvrcs::kFrontRoomSlot, multichLoaded},
+       QVRCS_ERR_RECORD_TOO_LARGE, kFrontRoomSlot, multichLoaded},
       {"last headphone EQ without a table, after one that loads",
        [](PostmixBlockTest& t) {
          t.AddHeadphoneEq("good", {1, 2, 3}, kRate48k);
@@ -119,14 +119,14 @@ TEST_F(PostmixBlockTest, FirstFailureEndsTheConversionInFillOrder) {
          t.postmix().add_hpeqcoef()->set_uuid("good");
          t.postmix().add_hpeqcoef()->set_uuid("no-table");
        },
-       QVRCS_ERR_NO_COEF_TABLE, qvrcs::kHpfOrder,
-       [](const PostmixBytes& b) { EXPECT_TRUE(HalfWordsAre(b, kHpeqCoefs, {1, 2, 3})); }},
+       QVRCS_ERR_NO_COEF_TABLE, kHpfOrder,
+       [](const PostmixBytes& b) { EXPECT_TRUE(HalfWordsAre(b, kHpeqCoefsAt, {1, 2, 3})); }},
       {"AEQ bank without a table",
        [](PostmixBlockTest& t) {
          t.AddAeq("aeq", kRate44k, kRate48k);
          t.postmix().add_aeqcoef()->set_uuid("aeq");
        },
-       QVRCS_ERR_NO_COEF_TABLE, qvrcs::kVelmoHpfOrder, nullptr},  // its partial record: the AEQ tests
+       QVRCS_ERR_NO_COEF_TABLE, kVelmoHpfOrder, nullptr},  // its partial record: the AEQ tests
       {"Velmo high-pass without a table: after the crossover, before Gorm",
        [](PostmixBlockTest& t) {
          t.postmix().mutable_velmo_xover_coef()->set_order(3);
@@ -134,8 +134,8 @@ TEST_F(PostmixBlockTest, FirstFailureEndsTheConversionInFillOrder) {
          t.postmix().mutable_velmo_hpf_coef()->set_order(2);
          AddTable16(t.postmix().mutable_velmo_hpf_coef()->mutable_hpf_coeffs(), kRate44k, {1});
        },
-       QVRCS_ERR_NO_COEF_TABLE, qvrcs::kGormSpeakerSize,
-       [](const PostmixBytes& b) { EXPECT_TRUE(WordsAre(b, qvrcs::kVelmoXoverOrder, {3, 31})); }},
+       QVRCS_ERR_NO_COEF_TABLE, kGormSpeakerSize,
+       [](const PostmixBytes& b) { EXPECT_TRUE(WordsAre(b, kVelmoXoverOrder, {3, 31})); }},
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.name);
@@ -163,8 +163,8 @@ TEST_F(PostmixBlockTest, WalksKeepTheLastLoadedRoomAndCountOnlyTheLastHeadphoneE
   postmix().add_hpeqcoef()->set_uuid("good");
   PostmixBytes block;
   EXPECT_EQ(Convert(block), QVRCS_OK);
-  EXPECT_TRUE(HalfWordsAre(block, kMultichCoefs, {2, 2}));
-  EXPECT_TRUE(HalfWordsAre(block, kHpeqCoefs, {1, 2, 3}));
+  EXPECT_TRUE(HalfWordsAre(block, kMultichCoefsAt, {2, 2}));
+  EXPECT_TRUE(HalfWordsAre(block, kHpeqCoefsAt, {1, 2, 3}));
 
   // An unknown headphone EQ last is nothing to load, not a failure.
   postmix().add_hpeqcoef()->set_uuid("unknown");
@@ -181,19 +181,19 @@ TEST_F(PostmixBlockTest, HighPassTakesTheFirstMatchOnlyIfItFits) {
   // Not an error; the order is stored only when set.
   PostmixBytes tooLong;
   EXPECT_EQ(Convert(tooLong, false), QVRCS_OK);
-  EXPECT_TRUE(AllBytes(tooLong, qvrcs::kHpfOrder, qvrcs::kAeqRecord, kFill));
+  EXPECT_TRUE(AllBytes(tooLong, kHpfOrder, kAeqRecord, kFill));
   hpf->set_order(-3);
   PostmixBytes withOrder;
   EXPECT_EQ(Convert(withOrder, false), QVRCS_OK);
-  EXPECT_EQ(withOrder.I32(qvrcs::kHpfOrder), -3);
-  EXPECT_TRUE(AllBytes(withOrder, qvrcs::kHpfCoefs, qvrcs::kAeqRecord, kFill));
+  EXPECT_EQ(withOrder.I32(kHpfOrder), -3);
+  EXPECT_TRUE(AllBytes(withOrder, kHpfCoefs, kAeqRecord, kFill));
 
   // A fitting first match is copied; fewer than 20 values leave the rest.
   hpf->mutable_coeffs()->SwapElements(1, 2);
   PostmixBytes fits;
   EXPECT_EQ(Convert(fits, false), QVRCS_OK);
-  EXPECT_TRUE(WordsAre(fits, qvrcs::kHpfCoefs, Ramp(4, 200)));
-  EXPECT_TRUE(AllBytes(fits, qvrcs::kHpfCoefs + 16, qvrcs::kAeqRecord, kFill));
+  EXPECT_TRUE(WordsAre(fits, kHpfCoefs, Ramp(4, 200)));
+  EXPECT_TRUE(AllBytes(fits, kHpfCoefs + 16, kAeqRecord, kFill));
 }
 
 TEST_F(PostmixBlockTest, CallersModelsAreSearchedBeforeThePostmixModel) {
@@ -204,16 +204,16 @@ TEST_F(PostmixBlockTest, CallersModelsAreSearchedBeforeThePostmixModel) {
 
   PostmixBytes ownOnly;
   ASSERT_EQ(Convert(ownOnly), QVRCS_OK);
-  EXPECT_EQ(ownOnly.U16(kMultichCoefs), 1);
-  EXPECT_EQ(ownOnly.U16(qvrcs::kFrontRoomSlot + qvrcs::kRoomCoefs), 2);
+  EXPECT_EQ(ownOnly.U16(kMultichCoefsAt), 1);
+  EXPECT_EQ(ownOnly.U16(kFrontRoomSlot + kRoomCoefs), 2);
 
   listeningModel callers;
   AddRoom(callers, "SHARED", {3});
   const ListeningModelList models = {callers};
   PostmixBytes both;
   ASSERT_EQ(Convert(both, true, models), QVRCS_OK);
-  EXPECT_EQ(both.U16(kMultichCoefs), 3);
-  EXPECT_EQ(both.U16(qvrcs::kFrontRoomSlot + qvrcs::kRoomCoefs), 2);
+  EXPECT_EQ(both.U16(kMultichCoefsAt), 3);
+  EXPECT_EQ(both.U16(kFrontRoomSlot + kRoomCoefs), 2);
   EXPECT_EQ(models.size(), 1u);
 
   // Without a model of its own, the postmix sees the caller's list only.
@@ -223,4 +223,4 @@ TEST_F(PostmixBlockTest, CallersModelsAreSearchedBeforeThePostmixModel) {
 }
 
 }  // namespace
-}  // namespace block_test
+}  // namespace qvrcs::block_test

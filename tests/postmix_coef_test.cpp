@@ -2,7 +2,7 @@
 // Gorm sections at the end of the postmix block.
 #include "block_support.h"
 
-namespace block_test {
+namespace qvrcs::block_test {
 namespace {
 
 using com::qvr::pb::korva_v1_1::Postmix;
@@ -39,15 +39,15 @@ TEST(CoefTableSelection, FirstTableWithPresentMatchingRateWins) {
   AddTable16(postmix.mutable_velmo_hpf_coef()->mutable_hpf_coeffs(), std::nullopt, {7, 8});
   Block atZero, at48k;
   EXPECT_EQ(QVRCS_ConvertVelmoHpfCoef(Context(0), postmix, atZero.View()), QVRCS_OK);
-  EXPECT_TRUE(HalfWordsAre(atZero, qvrcs::kVelmoHpfCoefs, {7, 8}));
+  EXPECT_TRUE(HalfWordsAre(atZero, kVelmoHpfCoefs, {7, 8}));
   EXPECT_EQ(QVRCS_ConvertVelmoHpfCoef(Context(), postmix, at48k.View()), QVRCS_ERR_NO_COEF_TABLE);
 }
 
 TEST(VelmoXover, OrderAlwaysStoredAndLastMatchingTablePrevails) {
   Block absent;
   EXPECT_EQ(QVRCS_ConvertVelmoXoverCoef(Context(), Postmix{}, absent.View()), QVRCS_OK);
-  EXPECT_EQ(absent.I32(qvrcs::kVelmoXoverOrder), 0);
-  EXPECT_EQ(ChangedBytes(absent, *Block().bytes), Bytes(qvrcs::kVelmoXoverOrder, qvrcs::kVelmoXoverOrder + 4));
+  EXPECT_EQ(absent.I32(kVelmoXoverOrder), 0);
+  EXPECT_EQ(ChangedBytes(absent, *Block().bytes), Bytes(kVelmoXoverOrder, kVelmoXoverOrder + 4));
 
   Postmix postmix;
   auto* xover = postmix.mutable_velmo_xover_coef();
@@ -59,10 +59,10 @@ TEST(VelmoXover, OrderAlwaysStoredAndLastMatchingTablePrevails) {
   AddTable16(xover->mutable_hpf_coeffs(), kRate48k, {70000, -1, 3});
   Block block;
   EXPECT_EQ(QVRCS_ConvertVelmoXoverCoef(Context(), postmix, block.View()), QVRCS_OK);
-  EXPECT_EQ(block.I32(qvrcs::kVelmoXoverOrder), 4);
-  EXPECT_TRUE(HalfWordsAre(block, qvrcs::kVelmoXoverLpfCoefs, Ramp(14, 200)));
-  EXPECT_TRUE(HalfWordsAre(block, qvrcs::kVelmoXoverHpfCoefs, {4464, 0xFFFF, 3}));  // low 16 bits
-  EXPECT_TRUE(AllWithin(ChangedBytes(block, *Block().bytes), qvrcs::kVelmoXoverOrder, qvrcs::kVelmoXoverHpfCoefs + 6));
+  EXPECT_EQ(block.I32(kVelmoXoverOrder), 4);
+  EXPECT_TRUE(HalfWordsAre(block, kVelmoXoverLpfCoefs, Ramp(14, 200)));
+  EXPECT_TRUE(HalfWordsAre(block, kVelmoXoverHpfCoefs, {4464, 0xFFFF, 3}));  // low 16 bits
+  EXPECT_TRUE(AllWithin(ChangedBytes(block, *Block().bytes), kVelmoXoverOrder, kVelmoXoverHpfCoefs + 6));
 }
 
 TEST(VelmoXover, LongTablesRunOnIntoTheFollowingFields) {
@@ -72,18 +72,18 @@ TEST(VelmoXover, LongTablesRunOnIntoTheFollowingFields) {
   Block lowOnly;
   QVRCS_ConvertVelmoXoverCoef(Context(), postmix, lowOnly.View());
   // Values 14 and 15 of the low-pass table land in the high-pass area.
-  EXPECT_TRUE(HalfWordsAre(lowOnly, qvrcs::kVelmoXoverLpfCoefs, Ramp(16, 10)));
-  EXPECT_TRUE(AllBytes(lowOnly, qvrcs::kVelmoXoverHpfCoefs + 4, qvrcs::kPostmixBlockSize, kFill));
+  EXPECT_TRUE(HalfWordsAre(lowOnly, kVelmoXoverLpfCoefs, Ramp(16, 10)));
+  EXPECT_TRUE(AllBytes(lowOnly, kVelmoXoverHpfCoefs + 4, kPostmixBlockSize, kFill));
 
   // The high-pass table is written afterwards and covers the overrun; its
   // own overrun reaches the Gorm speaker size word.
   AddTable16(xover->mutable_hpf_coeffs(), kRate48k, Ramp(16, 500));
   Block both;
   QVRCS_ConvertVelmoXoverCoef(Context(), postmix, both.View());
-  EXPECT_TRUE(HalfWordsAre(both, qvrcs::kVelmoXoverLpfCoefs, Ramp(14, 10)));
-  EXPECT_TRUE(HalfWordsAre(both, qvrcs::kVelmoXoverHpfCoefs, Ramp(16, 500)));
-  EXPECT_EQ(both.I32(qvrcs::kGormSpeakerSize), 514 | 515 << 16);
-  EXPECT_TRUE(AllBytes(both, qvrcs::kGormAnalysisSize, qvrcs::kPostmixBlockSize, kFill));
+  EXPECT_TRUE(HalfWordsAre(both, kVelmoXoverLpfCoefs, Ramp(14, 10)));
+  EXPECT_TRUE(HalfWordsAre(both, kVelmoXoverHpfCoefs, Ramp(16, 500)));
+  EXPECT_EQ(both.I32(kGormSpeakerSize), 514 | 515 << 16);
+  EXPECT_TRUE(AllBytes(both, kGormAnalysisSize, kPostmixBlockSize, kFill));
 }
 
 TEST(VelmoHpf, FirstMatchingTableOfAtMostTwentyValues) {
@@ -96,16 +96,16 @@ TEST(VelmoHpf, FirstMatchingTableOfAtMostTwentyValues) {
   // No usable table: the order is stored, then the failure.
   Block none;
   EXPECT_EQ(QVRCS_ConvertVelmoHpfCoef(Context(), postmix, none.View()), QVRCS_ERR_NO_COEF_TABLE);
-  EXPECT_EQ(ChangedBytes(none, *Block().bytes), Bytes(qvrcs::kVelmoHpfOrder, qvrcs::kVelmoHpfOrder + 4));
-  EXPECT_EQ(none.I32(qvrcs::kVelmoHpfOrder), 2);
+  EXPECT_EQ(ChangedBytes(none, *Block().bytes), Bytes(kVelmoHpfOrder, kVelmoHpfOrder + 4));
+  EXPECT_EQ(none.I32(kVelmoHpfOrder), 2);
 
   AddTable16(hpf->mutable_hpf_coeffs(), kRate48k, Ramp(6, 200));
   AddTable16(hpf->mutable_hpf_coeffs(), kRate48k, Ramp(6, 300));
   Block block;
   EXPECT_EQ(QVRCS_ConvertVelmoHpfCoef(Context(), postmix, block.View()), QVRCS_OK);
-  EXPECT_EQ(block.I32(qvrcs::kVelmoHpfOrder), 2);
-  EXPECT_TRUE(HalfWordsAre(block, qvrcs::kVelmoHpfCoefs, Ramp(6, 200)));
-  EXPECT_TRUE(AllWithin(ChangedBytes(block, *Block().bytes), qvrcs::kVelmoHpfOrder, qvrcs::kVelmoHpfCoefs + 12));
+  EXPECT_EQ(block.I32(kVelmoHpfOrder), 2);
+  EXPECT_TRUE(HalfWordsAre(block, kVelmoHpfCoefs, Ramp(6, 200)));
+  EXPECT_TRUE(AllWithin(ChangedBytes(block, *Block().bytes), kVelmoHpfOrder, kVelmoHpfCoefs + 12));
 }
 
 TEST(VelmoHpf, OrderZeroNeedsNoTableAndAnEmptyMatchWritesNoValues) {
@@ -118,16 +118,16 @@ TEST(VelmoHpf, OrderZeroNeedsNoTableAndAnEmptyMatchWritesNoValues) {
   for (const auto& [postmix, order] : {std::pair{Postmix{}, 0}, std::pair{withTable, 0}, std::pair{emptyMatch, 1}}) {
     Block block;
     EXPECT_EQ(QVRCS_ConvertVelmoHpfCoef(Context(), postmix, block.View()), QVRCS_OK);
-    EXPECT_EQ(block.I32(qvrcs::kVelmoHpfOrder), order);
-    EXPECT_TRUE(AllBytes(block, qvrcs::kVelmoHpfCoefs, qvrcs::kPostmixBlockSize, kFill));
+    EXPECT_EQ(block.I32(kVelmoHpfOrder), order);
+    EXPECT_TRUE(AllBytes(block, kVelmoHpfCoefs, kPostmixBlockSize, kFill));
   }
 }
 
 TEST(GormCoef, SizesAlwaysStoredAndLastMatchingTablePrevails) {
   Block absent;
   EXPECT_EQ(QVRCS_ConvertGormCoef(Context(), Postmix{}, absent.View()), QVRCS_OK);
-  EXPECT_TRUE(WordsAre(absent, qvrcs::kGormSpeakerSize, {0, 0}));
-  EXPECT_TRUE(AllWithin(ChangedBytes(absent, *Block().bytes), qvrcs::kGormSpeakerSize, qvrcs::kGormCoefs));
+  EXPECT_TRUE(WordsAre(absent, kGormSpeakerSize, {0, 0}));
+  EXPECT_TRUE(AllWithin(ChangedBytes(absent, *Block().bytes), kGormSpeakerSize, kGormCoefs));
 
   Postmix postmix;
   auto* gorm = postmix.mutable_gorm_coef();
@@ -142,9 +142,9 @@ TEST(GormCoef, SizesAlwaysStoredAndLastMatchingTablePrevails) {
   std::vector<int32_t> expected = Ramp(24, 1000, -3);
   expected[0] = -5;
   expected[1] = 0x7FFFFFFF;
-  EXPECT_TRUE(WordsAre(block, qvrcs::kGormSpeakerSize, {7, -9}));
-  EXPECT_TRUE(WordsAre(block, qvrcs::kGormCoefs, expected));
-  EXPECT_TRUE(AllBytes(block, 0, qvrcs::kGormSpeakerSize, kFill));
+  EXPECT_TRUE(WordsAre(block, kGormSpeakerSize, {7, -9}));
+  EXPECT_TRUE(WordsAre(block, kGormCoefs, expected));
+  EXPECT_TRUE(AllBytes(block, 0, kGormSpeakerSize, kFill));
 }
 
 TEST(GormCoef, LongTableStopsAtTheBlockEnd) {
@@ -152,8 +152,8 @@ TEST(GormCoef, LongTableStopsAtTheBlockEnd) {
   AddTable32(postmix.mutable_gorm_coef()->mutable_coeffs(), kRate48k, Ramp(30, 1));
   Block block;  // exactly 61468 bytes on the heap: a store past the end would be caught
   EXPECT_EQ(QVRCS_ConvertGormCoef(Context(), postmix, block.View()), QVRCS_OK);
-  EXPECT_TRUE(WordsAre(block, qvrcs::kGormCoefs, Ramp(24, 1)));
+  EXPECT_TRUE(WordsAre(block, kGormCoefs, Ramp(24, 1)));
 }
 
 }  // namespace
-}  // namespace block_test
+}  // namespace qvrcs::block_test

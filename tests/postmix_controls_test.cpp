@@ -1,7 +1,7 @@
 // The postmix control section, bytes 0..411 of the postmix block.
 #include "block_support.h"
 
-namespace block_test {
+namespace qvrcs::block_test {
 namespace {
 
 class PostmixControlsTest : public ::testing::Test {
@@ -17,9 +17,9 @@ class PostmixControlsTest : public ::testing::Test {
 
   // The template with the reserved half-word at 278 cleared, as every
   // conversion leaves it.
-  static const qvrcs::PostmixBlock& Baseline() {
+  static const PostmixBlock& Baseline() {
     static const auto* baseline = [] {
-      auto* block = new qvrcs::PostmixBlock(kPostmixTemplate);
+      auto* block = new PostmixBlock(kPostmixTemplate);
       (*block)[278] = (*block)[279] = 0;
       return block;
     }();
@@ -80,7 +80,7 @@ TEST_F(PostmixControlsTest, ZellMultiChMinusOneIsStoredAsZero) {
 
   // The rewrite looks at the word, not at the field: a caller's -1 goes too.
   PostmixBytes callers;
-  qvrcs::StoreI32(callers.View(), 20, -1);
+  StoreI32(callers.View(), 20, -1);
   EXPECT_EQ(QVRCS_ConvertPostmixControls(context_, settings_, callers.View()), QVRCS_OK);
   EXPECT_EQ(callers.I32(20), 0);
 }
@@ -119,4 +119,4 @@ TEST_F(PostmixControlsTest, Enhance2HasItsOwnOffsetAndStatus) {
 }
 
 }  // namespace
-}  // namespace block_test
+}  // namespace qvrcs::block_test

@@ -2,7 +2,7 @@
 // layouts, the statuses, slot capacities and the block's end.
 #include "block_support.h"
 
-namespace block_test {
+namespace qvrcs::block_test {
 namespace {
 
 using Block = PostmixBytes;
@@ -91,9 +91,9 @@ TEST(Room, RecordLayout) {
   AddTable16(room->mutable_coefftables(), kRate48k, {5, 5});
 
   Block block;
-  const size_t slot = qvrcs::kFrontRoomSlot;
+  const size_t slot = kFrontRoomSlot;
   ASSERT_EQ(
-      QVRCS_LoadRoom(kUpperUuid, {model}, block.View().At(slot), qvrcs::kFrontRoomCapacity, kRate),
+      QVRCS_LoadRoom(kUpperUuid, {model}, block.View().At(slot), kFrontRoomCapacity, kRate),
       QVRCS_OK);
   std::vector<uint8_t> expected = kPackedUuid;
   const std::vector<uint8_t> rest = {
@@ -108,7 +108,7 @@ TEST(Room, RecordLayout) {
   expected.insert(expected.end(), rest.begin(), rest.end());
   EXPECT_EQ(Range(block, slot, expected.size()), expected);
   EXPECT_TRUE(AllBytes(block, 0, slot, kFill));
-  EXPECT_TRUE(AllBytes(block, slot + expected.size(), qvrcs::kPostmixBlockSize, kFill));
+  EXPECT_TRUE(AllBytes(block, slot + expected.size(), kPostmixBlockSize, kFill));
 }
 
 TEST(Room, StatusesLeaveTheSlotUntouched) {
@@ -124,15 +124,15 @@ TEST(Room, StatusesLeaveTheSlotUntouched) {
                                      std::pair{"other-rate", QVRCS_ERR_NO_COEF_TABLE},
                                      std::pair{"EMPTY-16", QVRCS_ERR_NO_COEF_TABLE}}) {
     Block block;
-    EXPECT_EQ(QVRCS_LoadRoom(uuid, {model}, block.View().At(qvrcs::kMultichRoomSlot), qvrcs::kMultichRoomCapacity,
+    EXPECT_EQ(QVRCS_LoadRoom(uuid, {model}, block.View().At(kMultichRoomSlot), kMultichRoomCapacity,
                              kRate),
               status)
         << uuid;
-    EXPECT_TRUE(AllBytes(block, 0, qvrcs::kPostmixBlockSize, kFill)) << uuid;
+    EXPECT_TRUE(AllBytes(block, 0, kPostmixBlockSize, kFill)) << uuid;
   }
   // An empty list of models knows no room at all.
   Block block;
-  EXPECT_EQ(QVRCS_LoadRoom("fine", {}, block.View(), qvrcs::kFrontRoomCapacity, kRate),
+  EXPECT_EQ(QVRCS_LoadRoom("fine", {}, block.View(), kFrontRoomCapacity, kRate),
             QVRCS_ERR_UNKNOWN_ROOM);
 }
 
@@ -143,17 +143,17 @@ TEST(Room, CapacityLimitsTheCoefficientCount) {
   AddRoom(&model, "multi-max", Ramp(16400, 7));
   AddRoom(&model, "multi-over", Ramp(16401, 0));
   for (const auto& [prefix, slot, capacity, values] :
-       {std::tuple{"front", qvrcs::kFrontRoomSlot, qvrcs::kFrontRoomCapacity, Ramp(6150, -3000)},
-        std::tuple{"multi", qvrcs::kMultichRoomSlot, qvrcs::kMultichRoomCapacity, Ramp(16400, 7)}}) {
+       {std::tuple{"front", kFrontRoomSlot, kFrontRoomCapacity, Ramp(6150, -3000)},
+        std::tuple{"multi", kMultichRoomSlot, kMultichRoomCapacity, Ramp(16400, 7)}}) {
     SCOPED_TRACE(prefix);
     Block fits;
     EXPECT_EQ(QVRCS_LoadRoom(std::string(prefix) + "-max", {model}, fits.View().At(slot), capacity, kRate), QVRCS_OK);
     EXPECT_TRUE(HalfWordsAre(fits, slot + 40, values));
-    EXPECT_TRUE(AllBytes(fits, slot + capacity, qvrcs::kPostmixBlockSize, kFill));
+    EXPECT_TRUE(AllBytes(fits, slot + capacity, kPostmixBlockSize, kFill));
     Block over;
     EXPECT_EQ(QVRCS_LoadRoom(std::string(prefix) + "-over", {model}, over.View().At(slot), capacity, kRate),
               QVRCS_ERR_RECORD_TOO_LARGE);
-    EXPECT_TRUE(AllBytes(over, 0, qvrcs::kPostmixBlockSize, kFill));
+    EXPECT_TRUE(AllBytes(over, 0, kPostmixBlockSize, kFill));
   }
 }
 
@@ -165,9 +165,9 @@ TEST(Room, EarlierModelWinsAndLaterModelsAreSearched) {
   const ListeningModelList models = {first, second};
 
   Block block;
-  ASSERT_EQ(QVRCS_LoadRoom("A", models, block.View(), qvrcs::kFrontRoomCapacity, kRate), 0);
+  ASSERT_EQ(QVRCS_LoadRoom("A", models, block.View(), kFrontRoomCapacity, kRate), 0);
   EXPECT_EQ(block.U16(40), 1);
-  ASSERT_EQ(QVRCS_LoadRoom("B", models, block.View(), qvrcs::kFrontRoomCapacity, kRate), 0);
+  ASSERT_EQ(QVRCS_LoadRoom("B", models, block.View(), kFrontRoomCapacity, kRate), 0);
   EXPECT_EQ(block.U16(40), 3);
   // Short uuids are not packed: the identifier bytes are zero.
   EXPECT_TRUE(AllBytes(block, 0, 16, 0));
@@ -184,8 +184,8 @@ TEST(HeadphoneEq, LongFormKeepsTheFirst128TapsOfEachHalf) {
   AddHeadphoneEq(&model, "short-table", 200, Ramp(10, 1));  // c0 c1 | 3..6 | 7..10
 
   Block block;
-  const size_t slot = qvrcs::kHeadphoneEqSlot;
-  ASSERT_EQ(QVRCS_LoadHeadphoneEq(kUpperUuid, {model}, block.View().At(slot), qvrcs::kHeadphoneEqCapacity, kRate),
+  const size_t slot = kHeadphoneEqSlot;
+  ASSERT_EQ(QVRCS_LoadHeadphoneEq(kUpperUuid, {model}, block.View().At(slot), kHeadphoneEqCapacity, kRate),
             QVRCS_OK);
   EXPECT_EQ(Range(block, slot, 16), kPackedUuid);
   EXPECT_TRUE(WordsAre(block, slot + 16, {48000, 128}));
@@ -194,10 +194,10 @@ TEST(HeadphoneEq, LongFormKeepsTheFirst128TapsOfEachHalf) {
   EXPECT_TRUE(HalfWordsAre(block, slot + 28 + 256, Slice(values, 258, 128)));
   // The record fills the 540-byte slot exactly.
   EXPECT_TRUE(AllBytes(block, 0, slot, kFill));
-  EXPECT_TRUE(AllBytes(block, slot + qvrcs::kHeadphoneEqCapacity, qvrcs::kPostmixBlockSize, kFill));
+  EXPECT_TRUE(AllBytes(block, slot + kHeadphoneEqCapacity, kPostmixBlockSize, kFill));
 
   Block shortTable;
-  ASSERT_EQ(QVRCS_LoadHeadphoneEq("short-table", {model}, shortTable.View(), qvrcs::kHeadphoneEqCapacity, kRate),
+  ASSERT_EQ(QVRCS_LoadHeadphoneEq("short-table", {model}, shortTable.View(), kHeadphoneEqCapacity, kRate),
             QVRCS_OK);
   std::vector<int32_t> first(128, 0), second(128, 0);
   for (int i = 0; i < 8; ++i) first[i] = 3 + i;   // from index 2 to the table's end
@@ -206,7 +206,7 @@ TEST(HeadphoneEq, LongFormKeepsTheFirst128TapsOfEachHalf) {
   EXPECT_TRUE(HalfWordsAre(shortTable, 24, {1, 2}));
   EXPECT_TRUE(HalfWordsAre(shortTable, 28, first));
   EXPECT_TRUE(HalfWordsAre(shortTable, 28 + 256, second));
-  EXPECT_TRUE(AllBytes(shortTable, qvrcs::kHeadphoneEqCapacity, qvrcs::kPostmixBlockSize, kFill));
+  EXPECT_TRUE(AllBytes(shortTable, kHeadphoneEqCapacity, kPostmixBlockSize, kFill));
 }
 
 // At most 128 taps: the whole table after its length, however long, up to
@@ -218,20 +218,20 @@ TEST(HeadphoneEq, ShortFormCopiesTheWholeTableUpToTheBlockEnd) {
   const std::vector<int32_t> huge = Ramp(40000, 0, 3);
   AddHeadphoneEq(&model, "huge", 128, huge);
 
-  const size_t slot = qvrcs::kHeadphoneEqSlot;
+  const size_t slot = kHeadphoneEqSlot;
   Block block;
-  ASSERT_EQ(QVRCS_LoadHeadphoneEq("short", {model}, block.View().At(slot), qvrcs::kHeadphoneEqCapacity, kRate),
+  ASSERT_EQ(QVRCS_LoadHeadphoneEq("short", {model}, block.View().At(slot), kHeadphoneEqCapacity, kRate),
             QVRCS_OK);
   EXPECT_TRUE(AllBytes(block, slot, slot + 16, 0)) << "a uuid that does not pack";
   EXPECT_TRUE(WordsAre(block, slot + 16, {48000, 100}));
   EXPECT_TRUE(HalfWordsAre(block, slot + 24, values));
-  EXPECT_TRUE(AllBytes(block, slot + 24 + 404, qvrcs::kPostmixBlockSize, kFill));
+  EXPECT_TRUE(AllBytes(block, slot + 24 + 404, kPostmixBlockSize, kFill));
 
   Block runsOn;  // exactly the block's size on the heap
-  ASSERT_EQ(QVRCS_LoadHeadphoneEq("huge", {model}, runsOn.View().At(slot), qvrcs::kHeadphoneEqCapacity, kRate),
+  ASSERT_EQ(QVRCS_LoadHeadphoneEq("huge", {model}, runsOn.View().At(slot), kHeadphoneEqCapacity, kRate),
             QVRCS_OK);
   EXPECT_EQ(runsOn.I32(slot + 20), 128);
-  EXPECT_TRUE(HalfWordsAre(runsOn, slot + 24, Slice(huge, 0, (qvrcs::kPostmixBlockSize - slot - 24) / 2)));
+  EXPECT_TRUE(HalfWordsAre(runsOn, slot + 24, Slice(huge, 0, (kPostmixBlockSize - slot - 24) / 2)));
   EXPECT_TRUE(AllBytes(runsOn, 0, slot, kFill));
 }
 
@@ -244,7 +244,7 @@ TEST(HeadphoneEq, UnknownUuidIsNothingToLoadAndEmptyUuidMatchesEmpty) {
   EXPECT_EQ(QVRCS_LoadHeadphoneEq("unknown", {model}, block.View(), 540, kRate), QVRCS_NOTHING_TO_LOAD);
   EXPECT_EQ(QVRCS_LoadHeadphoneEq("", {model}, block.View(), 540, kRate), QVRCS_NOTHING_TO_LOAD);
   EXPECT_EQ(QVRCS_LoadHeadphoneEq("no-table", {model}, block.View(), 540, kRate), QVRCS_ERR_NO_COEF_TABLE);
-  EXPECT_TRUE(AllBytes(block, 0, qvrcs::kPostmixBlockSize, kFill));
+  EXPECT_TRUE(AllBytes(block, 0, kPostmixBlockSize, kFill));
 
   AddHeadphoneEq(&model, "", 1, {42});  // a headphone EQ without uuid
   EXPECT_EQ(QVRCS_LoadHeadphoneEq("", {model}, block.View(), 540, kRate), QVRCS_OK);
@@ -253,4 +253,4 @@ TEST(HeadphoneEq, UnknownUuidIsNothingToLoadAndEmptyUuidMatchesEmpty) {
 }
 
 }  // namespace
-}  // namespace block_test
+}  // namespace qvrcs::block_test

@@ -1,7 +1,7 @@
 // The premix block and the Enhance2 section converter.
 #include "block_support.h"
 
-namespace block_test {
+namespace qvrcs::block_test {
 namespace {
 
 using com::qvr::pb::tech::Enhance2;
@@ -104,4 +104,4 @@ TEST_F(Enhance2Test, HtestListsFillUpToSevenSlotsAndLimiterHasNone) {
 }
 
 }  // namespace
-}  // namespace block_test
+}  // namespace qvrcs::block_test

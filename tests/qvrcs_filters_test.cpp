@@ -31,8 +31,8 @@ extern "C" const char* __lsan_default_suppressions() {
 namespace {
 
 namespace fs = std::filesystem;
-using block_test::AddTable16;
-using block_test::Ramp;
+using qvrcs::block_test::AddTable16;
+using qvrcs::block_test::Ramp;
 using com::qvr::pb::korva_v1_1::Postmix;
 using com::qvr::pb::wbn::Qvrcs;
 using qvr_test::ReadFile;

@@ -35,9 +35,9 @@ using com::qvr::pb::korva_v1_1::KorvaSettings;
 using com::qvr::pb::korva_v1_1::Postmix;
 using com::qvr::pb::wbn::Qvrcs;
 using Json = nlohmann::json;
-using block_test::AddTable16;
-using block_test::AddTable32;
-using block_test::Ramp;
+using qvrcs::block_test::AddTable16;
+using qvrcs::block_test::AddTable32;
+using qvrcs::block_test::Ramp;
 using qvr_test::ReadFile;
 using qvr_test::SettingsOf;
 using qvr_test::WriteFile;
@@ -182,7 +182,7 @@ TEST_F(ToolTest, CheckNamesTheRecordBehindEachFailure) {
     EXPECT_FALSE(slot.loaded);
     EXPECT_EQ(slot.readerStatus, -4);
     EXPECT_EQ(slot.postmixStatus, c.postmixStatus);
-    const std::string meaning = "postmix " + std::to_string(c.postmixStatus) + ": " + QVRCS_StatusText(c.postmixStatus);
+    const std::string meaning = "postmix " + std::to_string(c.postmixStatus) + ": " + qvrcs::QVRCS_StatusText(c.postmixStatus);
     EXPECT_NE(slot.meaning.find(meaning), std::string::npos) << slot.meaning;
     EXPECT_NE(slot.culprit.find(c.culprit), std::string::npos) << slot.culprit;
     EXPECT_EQ(report.Failures(), 1u);
@@ -459,7 +459,7 @@ TEST_F(ToolTest, ExplainNamesEveryConvertedFieldAtItsMappedOffset) {
   for (const auto* map : {&premixMap, &postmixMap}) {
     for (const qvrcs::FieldInfo& field : *map) {
       if (field.kind == qvrcs::FieldKind::kSetting) {
-        ASSERT_TRUE(block_test::SetByPath(settings, field.path, next++)) << field.path;
+        ASSERT_TRUE(qvrcs::block_test::SetByPath(settings, field.path, next++)) << field.path;
       }
     }
   }

@@ -1,3 +1,2 @@
 # Schemas of the tuning files and of configurator.cfg.
 qvr_add_test(schema_test SOURCES schema_test.cpp LIBS qvr_proto)
-target_compile_definitions(schema_test PRIVATE QVR_PROTO_DIR="${QVR_PROTO_DIR}")

@@ -56,12 +56,12 @@ KorvaSettings SomeSettings() {
 // The payload that the two converters make of `settings` at 48000 Hz,
 // with the fade areas still at kFill.
 Payload Expected(const KorvaSettings& settings) {
-  ConversionContext context;
-  QVRCS_InitContext(context, 48000);
+  qvrcs::ConversionContext context;
+  qvrcs::QVRCS_InitContext(context, 48000);
   qvrcs::PremixBlock premix{};
   qvrcs::PostmixBlock postmix{};
-  EXPECT_EQ(QVRCS_ConvertPremix(context, settings, premix, true), 0);
-  EXPECT_EQ(QVRCS_ConvertPostmix(context, settings, postmix, true, {}), 0);
+  EXPECT_EQ(qvrcs::QVRCS_ConvertPremix(context, settings, premix, true), 0);
+  EXPECT_EQ(qvrcs::QVRCS_ConvertPostmix(context, settings, postmix, true, {}), 0);
   Payload payload = kUntouched;
   std::copy(premix.begin(), premix.end(), payload.begin() + qvr::kPremixPayloadOffset);
   std::copy(postmix.begin(), postmix.end(), payload.begin() + qvr::kPostmixPayloadOffset);

@@ -102,7 +102,7 @@ std::string RunOverrun(const std::string& what, const TraceEvent& run) {
 }
 
 void DescribeRoom(const TraceEvent& e, LocatorOutcome& o) {
-  if (e.status == QVRCS_NOTHING_TO_LOAD) {
+  if (e.status == qvrcs::QVRCS_NOTHING_TO_LOAD) {
     o.what = "no uuid: skipped";
     return;
   }
@@ -117,7 +117,7 @@ void DescribeRoom(const TraceEvent& e, LocatorOutcome& o) {
     o.what = "room " + name + " has no coefficient table for " + kRate + " (" + RatesOf(room.coefftables()) + ")";
   } else if (e.table.count == 0) {
     o.what = "room " + name + ": its " + kRate + " table has no coeff_16 values";
-  } else if (e.status == QVRCS_ERR_RECORD_TOO_LARGE) {
+  } else if (e.status == qvrcs::QVRCS_ERR_RECORD_TOO_LARGE) {
     const size_t slot = qvrcs::Section(static_cast<SectionId>(e.section)).offset;
     o.count = e.table.count;
     o.sampleRate = e.table.sampleRate;
@@ -192,7 +192,7 @@ void DescribeHeadphoneEq(const TraceEvent& e, const std::vector<const TraceEvent
 
 // `parts`: the channel and run events the loader reported before the locator's own.
 void DescribeAeq(const TraceEvent& e, const std::vector<const TraceEvent*>& parts, LocatorOutcome& o) {
-  if (e.status == QVRCS_NOTHING_TO_LOAD) {
+  if (e.status == qvrcs::QVRCS_NOTHING_TO_LOAD) {
     o.what = "no uuid: skipped";
     return;
   }
@@ -238,7 +238,7 @@ void DescribeAeq(const TraceEvent& e, const std::vector<const TraceEvent*>& part
 void FromLocators(const std::vector<LocatorOutcome>& walk, SectionOrigin& origin) {
   const LocatorOutcome* chosen = nullptr;
   for (const LocatorOutcome& o : walk) {
-    if (o.status == QVRCS_OK) chosen = &o;
+    if (o.status == qvrcs::QVRCS_OK) chosen = &o;
   }
   if (chosen == nullptr) return;
   origin.fromFile = true;
@@ -285,7 +285,7 @@ std::string ElsewhereHint(const Qvrcs& message, const KorvaSettings& settings, c
     const model::listeningModel& listening = message.model(m);
     auto holds = [&](const auto& records) {
       for (const auto& r : records) {
-        if (QVRCS_UuidEqualsIgnoreCase(r.uuid(), uuid)) return true;
+        if (qvrcs::QVRCS_UuidEqualsIgnoreCase(r.uuid(), uuid)) return true;
       }
       return false;
     };
@@ -397,7 +397,7 @@ std::string DiagnoseFailure(const Qvrcs& message, const Conversion& conversion) 
   if (status >= 0) return unknown;
 
   if (const TraceEvent* stop = StopIn(conversion, qvrcs::TraceBlock::kPostmix)) {
-    return status == QVRCS_ERR_NEGATIVE_REF_HTEST ? NegativeRefHtest(*stop) + ": the postmix conversion stops there"
+    return status == qvrcs::QVRCS_ERR_NEGATIVE_REF_HTEST ? NegativeRefHtest(*stop) + ": the postmix conversion stops there"
                                                   : unknown;
   }
   // The step that ended the conversion: the one negative step status.
@@ -413,7 +413,7 @@ std::string DiagnoseFailure(const Qvrcs& message, const Conversion& conversion) 
       if (o.status >= 0) continue;
       if (o.status != status) return unknown;
       std::string text = o.locator + ": " + o.what;
-      if (o.status == QVRCS_ERR_UNKNOWN_ROOM) text += ElsewhereHint(message, settings, o.uuid);
+      if (o.status == qvrcs::QVRCS_ERR_UNKNOWN_ROOM) text += ElsewhereHint(message, settings, o.uuid);
       return text;
     }
     return unknown;
@@ -427,9 +427,9 @@ std::string DiagnoseFailure(const Qvrcs& message, const Conversion& conversion) 
     if (status != a.aeqs.back().status) return unknown;
     std::string text = "no AEQ locator loads:";
     for (const LocatorOutcome& o : a.aeqs) {
-      if (o.status == QVRCS_NOTHING_TO_LOAD) continue;
+      if (o.status == qvrcs::QVRCS_NOTHING_TO_LOAD) continue;
       text += " " + o.locator + ": " + o.what;
-      if (o.status == QVRCS_ERR_NO_COEF_TABLE && o.firstRecord.empty()) {
+      if (o.status == qvrcs::QVRCS_ERR_NO_COEF_TABLE && o.firstRecord.empty()) {
         text += ElsewhereHint(message, settings, o.uuid);
       }
       text += ";";
@@ -439,7 +439,7 @@ std::string DiagnoseFailure(const Qvrcs& message, const Conversion& conversion) 
   }
   if (failed == SectionId::kVelmoHighPassCoefs || failed == SectionId::kVelmoHighPassOrder) {
     const auto& vhpf = settings.postmix().velmo_hpf_coef();
-    return status == QVRCS_ERR_NO_COEF_TABLE
+    return status == qvrcs::QVRCS_ERR_NO_COEF_TABLE
                ? "postmix.velmo_hpf_coef: order " + std::to_string(vhpf.order()) + " needs a " + kRate +
                      " table of at most " +
                      std::to_string(qvrcs::Section(SectionId::kVelmoHighPassCoefs).capacity()) +
@@ -545,21 +545,21 @@ std::vector<Warning> FindSuspicious(const Conversion& conversion) {
     // slot keeps the template.
     if (!a.Section(roomSections[r]).fromFile) {
       for (const LocatorOutcome& o : a.rooms[r]) {
-        if (o.status != QVRCS_NOTHING_TO_LOAD) continue;
+        if (o.status != qvrcs::QVRCS_NOTHING_TO_LOAD) continue;
         warn("room-no-uuid", o.locator + ": empty uuid: nothing is loaded and the DSP gets " + at +
                                  " as the template left it",
              at);
       }
     }
     for (const LocatorOutcome& o : a.rooms[r]) {
-      if (o.status != QVRCS_OK) continue;
+      if (o.status != qvrcs::QVRCS_OK) continue;
       if (!o.wrap.empty()) warn("wrap16", o.wrap, at);
       for (const auto& [code, text] : o.problems) warn(code.c_str(), text, at);
     }
   }
   const std::string hpeq = sectionName(SectionId::kHeadphoneEq);
   for (const LocatorOutcome& o : a.hpeqs) {
-    if (!o.wrap.empty() && o.status == QVRCS_OK) warn("wrap16", o.wrap, hpeq);
+    if (!o.wrap.empty() && o.status == qvrcs::QVRCS_OK) warn("wrap16", o.wrap, hpeq);
   }
   // The Velmo coefficient runs, in block order.
   std::vector<const TraceEvent*> velmoRuns;
@@ -580,23 +580,23 @@ std::vector<Warning> FindSuspicious(const Conversion& conversion) {
   for (size_t i = 0; i < a.hpeqs.size(); ++i) {
     const LocatorOutcome& o = a.hpeqs[i];
     const bool last = i + 1 == a.hpeqs.size();
-    if (o.status == QVRCS_NOTHING_TO_LOAD && last) {
+    if (o.status == qvrcs::QVRCS_NOTHING_TO_LOAD && last) {
       warn("hpeq-unknown", o.locator + ": " + o.what + " (not an error for the configurator)", hpeq);
-    } else if (o.status == QVRCS_NOTHING_TO_LOAD || (o.status < 0 && !last)) {
+    } else if (o.status == qvrcs::QVRCS_NOTHING_TO_LOAD || (o.status < 0 && !last)) {
       warn("hpeq-skipped", o.locator + ": " + o.what + "; forgiven, only the last locator's status counts", hpeq);
     }
-    if (o.status == QVRCS_OK && o.taps > 0) {
+    if (o.status == qvrcs::QVRCS_OK && o.taps > 0) {
       warn("hpeq-cut",
            o.locator + ": ihpirLength " + std::to_string(o.ihpirLength) + ": the DSP takes " +
                std::to_string(o.taps) + " taps per channel, the rest is cut",
            hpeq);
     }
-    if (o.status != QVRCS_OK) continue;
+    if (o.status != qvrcs::QVRCS_OK) continue;
     for (const std::string& over : o.overruns) warn("coef-overrun", over, hpeq);
     for (const auto& [code, text] : o.problems) warn(code.c_str(), text, hpeq);
   }
   for (const LocatorOutcome& o : a.aeqs) {
-    if (o.status != QVRCS_OK) continue;
+    if (o.status != qvrcs::QVRCS_OK) continue;
     for (const std::string& over : o.overruns) warn("coef-overrun", over, sectionName(SectionId::kAeq));
   }
   for (const auto& [section, over] : a.overruns) warn("coef-overrun", over, sectionName(section));

@@ -145,7 +145,7 @@ void CheckSlot(SlotReport& slot, CheckReport& report) {
     } else {
       const int32_t failing = slot.postmixStatus != 0 ? slot.postmixStatus : slot.premixStatus;
       slot.meaning = std::string(slot.postmixStatus != 0 ? "postmix " : "premix ") + std::to_string(failing) +
-                     ": " + QVRCS_StatusText(failing);
+                     ": " + qvrcs::QVRCS_StatusText(failing);
     }
     slot.culprit = DiagnoseFailure(conversion.reading->message, conversion);
   }

@@ -62,7 +62,7 @@ bool FormatOption(const std::string& name, Format& format, const Streams& s) {
 }
 
 std::string StatusLine(int32_t status) {
-  return std::to_string(status) + " (" + QVRCS_StatusText(status) + ")";
+  return std::to_string(status) + " (" + qvrcs::QVRCS_StatusText(status) + ")";
 }
 
 // ---- explain / diff ------------------------------------------------------------

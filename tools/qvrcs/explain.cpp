@@ -22,8 +22,8 @@ constexpr size_t kFirstValues = 6;  // values shown of a coefficient run
 // The template payload: both templates at their offsets, fade areas zero.
 std::vector<uint8_t> TemplatePayload() {
   std::vector<uint8_t> payload(qvr::kCacheBlockSize, 0);
-  std::memcpy(payload.data() + qvr::kPremixPayloadOffset, kPremixTemplate.data(), kPremixTemplate.size());
-  std::memcpy(payload.data() + qvr::kPostmixPayloadOffset, kPostmixTemplate.data(), kPostmixTemplate.size());
+  std::memcpy(payload.data() + qvr::kPremixPayloadOffset, qvrcs::kPremixTemplate.data(), qvrcs::kPremixTemplate.size());
+  std::memcpy(payload.data() + qvr::kPostmixPayloadOffset, qvrcs::kPostmixTemplate.data(), qvrcs::kPostmixTemplate.size());
   return payload;
 }
 

@@ -45,7 +45,7 @@ std::vector<SlotFacts> FactsOf(const Conversion& conversion) {
   const headphoneEq* eq = nullptr;
   for (const qvrcs::TraceEvent& e : conversion.trace.events) {
     if (e.kind == qvrcs::TraceKind::kLocator && e.section == qvrcs::SectionId::kHeadphoneEq &&
-        e.status == QVRCS_OK && e.record != nullptr) {
+        e.status == qvrcs::QVRCS_OK && e.record != nullptr) {
       eq = static_cast<const headphoneEq*>(e.record);
     }
   }
@@ -53,9 +53,9 @@ std::vector<SlotFacts> FactsOf(const Conversion& conversion) {
     SlotFacts& f = facts[i];
     const LocatorOutcome* chosen = nullptr;
     for (const LocatorOutcome& o : *walks[i]) {
-      if (o.status == QVRCS_OK) chosen = &o;
+      if (o.status == qvrcs::QVRCS_OK) chosen = &o;
     }
-    if (!walks[i]->empty() && walks[i]->back().status != QVRCS_OK) f.outcome = walks[i]->back().what;
+    if (!walks[i]->empty() && walks[i]->back().status != qvrcs::QVRCS_OK) f.outcome = walks[i]->back().what;
     if (!conversion.ok()) {
       f.notes.push_back("the conversion fails (premix " + std::to_string(conversion.premixStatus()) + ", postmix " +
                         std::to_string(conversion.postmixStatus()) + "): the configurator would not upload it");
