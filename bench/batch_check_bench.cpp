@@ -128,11 +128,5 @@ int main(int argc, char** argv) {
     std::fprintf(stderr, "batch_check_bench: cannot set up the sets in %s\n", g_scratch.c_str());
     return 1;
   }
-  benchmark::Initialize(&argc, argv);
-  benchmark::RunSpecifiedBenchmarks();
-  benchmark::Shutdown();
-  Summarise();
-  std::error_code ignored;
-  fs::remove_all(g_scratch, ignored);
-  return 0;
+  return qvr_bench::RunBenchmarks(argc, argv, Summarise, g_scratch);
 }

@@ -3,6 +3,7 @@
 // folder for the files the runs read.
 #pragma once
 
+#include <benchmark/benchmark.h>
 #include <fcntl.h>
 #include <spawn.h>
 #include <sys/resource.h>
@@ -13,6 +14,7 @@
 #include <cerrno>
 #include <chrono>
 #include <cstdlib>
+#include <filesystem>
 #include <string>
 #include <vector>
 
@@ -73,6 +75,18 @@ inline std::string MakeScratchDir(const std::string& prefix) {
   const char* tmp = std::getenv("TMPDIR");
   std::string pattern = std::string(tmp != nullptr && *tmp != '\0' ? tmp : "/tmp") + "/" + prefix + "_XXXXXX";
   return mkdtemp(pattern.data()) != nullptr ? pattern : std::string();
+}
+
+// Runs the registered benchmarks, prints the program's own summary after
+// Google Benchmark's table and removes the scratch folder.
+inline int RunBenchmarks(int& argc, char** argv, void (*summarise)(), const std::string& scratch) {
+  benchmark::Initialize(&argc, argv);
+  benchmark::RunSpecifiedBenchmarks();
+  benchmark::Shutdown();
+  summarise();
+  std::error_code ignored;
+  std::filesystem::remove_all(scratch, ignored);
+  return 0;
 }
 
 }  // namespace qvr_bench
