@@ -4,6 +4,7 @@
 #include "configurator/tuning_reader.h"
 
 #include <cstring>
+#include <fstream>
 #include <new>
 
 #include "configurator/log.h"
@@ -35,53 +36,35 @@ __attribute__((format(printf, 2, 0))) void PrintToAndroidLog(void* /*context*/, 
 
 }  // namespace
 
-const KorvaSettings* QVRCS_SelectSettings(const Qvrcs& message, const char** missing) {
-  *missing = nullptr;
-  if (message.workspace_size() == 0) {
-    *missing = "workspace";
-    return nullptr;
-  }
-  const auto& workspace = message.workspace(0);
-  if (workspace.routeconfiguration_size() == 0) {
-    *missing = "routeConfiguration in workspace 0";
-    return nullptr;
-  }
-  const auto& route = workspace.routeconfiguration(0);
-  if (route.tech_size() == 0) {
-    *missing = "tech in routeConfiguration 0";
-    return nullptr;
-  }
-  return &route.tech(0).korva_v1_1();
-}
-
 namespace qvr {
 
 LogSink AndroidLog() { return LogSink{PrintToAndroidLog, nullptr}; }
-
-bool OpenTuningFile(const char* filename, std::ifstream& file) {
-  file.open(filename, std::ios::in | std::ios::binary);
-  return file.is_open();
-}
-
-bool ParseTuningFile(std::istream& file, Qvrcs& message) { return message.ParseFromIstream(&file); }
 
 bool ParseTuningBytes(const std::string& bytes, Qvrcs& message) { return message.ParseFromString(bytes); }
 
 SettingsSelection SelectSettings(const Qvrcs& message) {
   SettingsSelection selection;
-  selection.settings = QVRCS_SelectSettings(message, &selection.missing);
   selection.workspaces = message.workspace_size();
-  if (selection.workspaces > 0) {
-    selection.routeConfigurations = message.workspace(0).routeconfiguration_size();
-    if (selection.routeConfigurations > 0) {
-      const auto& route = message.workspace(0).routeconfiguration(0);
-      selection.techs = route.tech_size();
-      if (selection.techs > 0) {
-        selection.secondVersion = route.tech(0).has_korva();
-        selection.firstVersion = route.tech(0).has_korva_v1_1();
-      }
-    }
+  if (selection.workspaces == 0) {
+    selection.missing = "workspace";
+    return selection;
   }
+  const auto& workspace = message.workspace(0);
+  selection.routeConfigurations = workspace.routeconfiguration_size();
+  if (selection.routeConfigurations == 0) {
+    selection.missing = "routeConfiguration in workspace 0";
+    return selection;
+  }
+  const auto& route = workspace.routeconfiguration(0);
+  selection.techs = route.tech_size();
+  if (selection.techs == 0) {
+    selection.missing = "tech in routeConfiguration 0";
+    return selection;
+  }
+  const auto& tech = route.tech(0);
+  selection.secondVersion = tech.has_korva();
+  selection.firstVersion = tech.has_korva_v1_1();
+  selection.settings = &tech.korva_v1_1();
   return selection;
 }
 
@@ -117,8 +100,8 @@ int32_t Read(const char* filename, uint8_t* outData, TuningReading& reading, con
     return kReaderFailed;
   }
 
-  std::ifstream file;
-  if (!OpenTuningFile(filename, file)) {
+  std::ifstream file(filename, std::ios::in | std::ios::binary);
+  if (!file.is_open()) {
     reading.stage = ReaderStage::kCannotOpen;
     Log(log, kLogCannotOpen, filename);
     return kReaderFailed;
@@ -126,7 +109,7 @@ int32_t Read(const char* filename, uint8_t* outData, TuningReading& reading, con
 
   // A file that does not parse is deliberately not reported: the caller
   // uploads the payload as it stands.
-  if (!ParseTuningFile(file, reading.message)) {
+  if (!reading.message.ParseFromIstream(&file)) {
     reading.stage = ReaderStage::kUnparsable;
     return kReaderOk;
   }

@@ -8,8 +8,6 @@
 
 #include <cstdarg>
 #include <cstdint>
-#include <fstream>
-#include <istream>
 #include <string>
 
 #include "korva_v1_1.pb.h"
@@ -24,14 +22,6 @@
 // that cannot be opened, an empty selection list or a failed conversion.
 // Logs on the Android log.
 int32_t QVRCS_GetPremixData(const char* filename, uint8_t* outData);
-
-// The settings the configurator converts from a parsed tuning file:
-// workspace[0].routeConfiguration[0].tech[0].korva_v1_1 (its default instance
-// when absent; the second settings version and every later element are
-// ignored). When one of the three lists is empty, returns nullptr and sets
-// `missing` to the empty list's name, e.g. "tech in routeConfiguration 0".
-const com::qvr::pb::korva_v1_1::KorvaSettings* QVRCS_SelectSettings(
-    const com::qvr::pb::wbn::Qvrcs& message, const char** missing);
 
 namespace qvr {
 
@@ -51,10 +41,13 @@ struct LogSink {
 // The Android log: priority 4 under the configurator's tag.
 LogSink AndroidLog();
 
-// The selection of step 3 and what it passed over.
+// The selection of step 3 and what it passed over. The configurator converts
+// workspace[0].routeConfiguration[0].tech[0].korva_v1_1 (its default instance
+// when absent; the second settings version and every later element are
+// ignored).
 struct SettingsSelection {
   const com::qvr::pb::korva_v1_1::KorvaSettings* settings = nullptr;  // nullptr: an empty list
-  const char* missing = nullptr;  // the empty list, as QVRCS_SelectSettings names it
+  const char* missing = nullptr;  // the empty list's name, e.g. "tech in routeConfiguration 0"
   int workspaces = 0;             // elements of the lists the first element is taken from
   int routeConfigurations = 0;
   int techs = 0;
@@ -85,11 +78,8 @@ struct TuningReading {
   qvrcs::PostmixBlock postmix;
 };
 
-// Step 1: the whole file as a binary input stream.
-bool OpenTuningFile(const char* filename, std::ifstream& file);
-
-// Step 2: the stream (or bytes already read) as a Qvrcs message.
-bool ParseTuningFile(std::istream& file, com::qvr::pb::wbn::Qvrcs& message);
+// Steps 1 and 2, for bytes a tool has already read: them as a Qvrcs message.
+// (The device opens the file as a binary stream and parses from it.)
 bool ParseTuningBytes(const std::string& bytes, com::qvr::pb::wbn::Qvrcs& message);
 
 // Step 3: the settings the configurator converts, with what it passes over.

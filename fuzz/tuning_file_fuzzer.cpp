@@ -13,8 +13,6 @@
 
 namespace {
 
-constexpr int32_t kReaderFailed = -4;
-
 // Recognisable filler for the payload, different at every position.
 uint8_t Filler(size_t i) { return static_cast<uint8_t>(i * 7 + 3); }
 
@@ -35,7 +33,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   for (size_t i = 0; i < payload.size(); ++i) payload[i] = Filler(i);
 
   const int32_t result = QVRCS_GetPremixData(file.path().c_str(), payload.data());
-  FUZZ_CHECK(result == 0 || result == kReaderFailed);
+  FUZZ_CHECK(result == 0 || result == qvr::kReaderFailed);
 
   // The fade areas are never the reader's.
   FUZZ_CHECK(RangeIsFiller(payload, qvr::kPremixFadeOffset, qvr::kPostmixPayloadOffset));

@@ -38,21 +38,14 @@ inline int32_t ValueOrZero(const CoefValues& values, size_t index) {
   return index < static_cast<size_t>(values.size()) ? values.Get(static_cast<int>(index)) : 0;
 }
 
-// Stores every value as a little-endian u16 (low 16 bits) from section
-// offset `offset` on. The count is not bounded by the section: values run
-// on into what follows, and those that would land past the block's end are
-// dropped.
-void PackCoeff16(BlockView view, size_t offset, const CoefValues& values);
-
-// Same for verbatim i32 words.
-void PackCoeff32(BlockView view, size_t offset, const CoefValues& values);
-
 // The trace's account of table `index` of its list, read as `bits`-bit values.
 TraceTable TableChoice(const com::qvr::pb::coef::CoefTable& table, int index, unsigned bits);
 
 // Packs the coeff_16 (`bits` 16) or coeff_32 (`bits` 32) values of `table`
-// from section offset `offset` on, as PackCoeff16 / PackCoeff32, and reports
-// the run: its own area ends `areaSize` bytes after `offset`.
+// from section offset `offset` on (16-bit values keep their low 16 bits) and
+// reports the run: its own area ends `areaSize` bytes after `offset`. The
+// count is not bounded by the area: values run on into what follows, and
+// those that would land past the block's end are dropped.
 void PackTable(BlockView view, size_t offset, size_t areaSize, const com::qvr::pb::coef::CoefTable& table,
                int index, unsigned bits, TraceObserver* trace);
 
@@ -118,7 +111,6 @@ inline void TraceTooLong(TraceObserver* trace, const com::qvr::pb::coef::CoefTab
   TraceEvent event;
   event.kind = TraceKind::kSkipped;
   event.table = TableChoice(table, index, bits);
-  event.reason = SkipReason::kTooLong;
   trace->OnEvent(event);
 }
 

@@ -13,14 +13,6 @@
 
 namespace qvrcs {
 
-void PackCoeff16(BlockView view, size_t offset, const CoefValues& values) {
-  StoreI16Run(view, offset, values.data(), static_cast<size_t>(values.size()));
-}
-
-void PackCoeff32(BlockView view, size_t offset, const CoefValues& values) {
-  StoreI32Run(view, offset, values.data(), static_cast<size_t>(values.size()));
-}
-
 TraceTable TableChoice(const com::qvr::pb::coef::CoefTable& table, int index, unsigned bits) {
   TraceTable choice;
   choice.index = index;

@@ -1,7 +1,7 @@
 // Table-driven copy of settings fields into a block section.
 //
 // A FieldCopyEntry names one optional scalar field of a settings message
-// (presence test, getter, setter) and the byte offset, inside the section
+// (presence test, getter) and the byte offset, inside the section
 // the table fills, where its value goes. A FieldCopyTable groups the entries
 // that share one store width. A RepeatedCopyEntry does the same for a
 // repeated field that fills a fixed run of 32-bit slots.
@@ -32,9 +32,8 @@ struct FieldCopyEntry {
   const char* name;  // the field's name in the schema
   bool (Msg::*has)() const;
   int32_t (Msg::*get)() const;
-  void (Msg::*set)(int32_t);  // not used by the conversion; for tools and tests
-  uint16_t offset;            // byte offset inside the section
-  int32_t templ;              // what the default block holds there
+  uint16_t offset;  // byte offset inside the section
+  int32_t templ;    // what the default block holds there
 };
 
 template <class Msg>
@@ -79,7 +78,7 @@ constexpr RepeatedCopyEntry<Msg> Repeated(const char* name,
 // come from one spelling. The default value is required: an entry without
 // one does not compile.
 #define QVRCS_FIELD(Msg, field, offset, templ) \
-  ::qvrcs::FieldCopyEntry<Msg> { #field, &Msg::has_##field, &Msg::field, &Msg::set_##field, offset, templ }
+  ::qvrcs::FieldCopyEntry<Msg> { #field, &Msg::has_##field, &Msg::field, offset, templ }
 // The default lists the values of the slots in block order; their number is
 // the number of slots.
 #define QVRCS_REPEATED(Msg, field, offset, slotOrder, ...) \

@@ -52,7 +52,8 @@ enum class TraceKind : uint8_t {
   // `width` bits, `written` of them inside the block (the rest would cross
   // its end); the run's own area ends at `areaEnd`.
   kRun,
-  // A table of `section` for the rate passed over: `table`, `reason`.
+  // A table of `section` for the rate passed over because it holds more
+  // values than the section: `table`.
   kSkipped,
   // A step of the postmix conversion ended with `status`; `section` is the
   // tail section it fills (kNone: the control section).
@@ -60,11 +61,6 @@ enum class TraceKind : uint8_t {
   // A repeated field whose first element goes to `offset` has `count` more
   // elements than its `value` slots: those are not written.
   kDropped,
-};
-
-enum class SkipReason : uint8_t {
-  kNone,
-  kTooLong,  // more values than the section holds
 };
 
 // A coefficient table as the converter chose it.
@@ -113,8 +109,6 @@ struct TraceEvent {
   size_t wrappedCount = 0;  // 16-bit runs: values that do not fit 16 bits
   int firstWrapped = -1;    // index in the table of the first of them
   int32_t firstWrappedValue = 0;
-
-  SkipReason reason = SkipReason::kNone;
 };
 
 class TraceObserver {

@@ -101,18 +101,26 @@ std::string RunOverrun(const std::string& what, const TraceEvent& run) {
   return Overrun(what, run.offset, run.count, run.width, run.areaEnd);
 }
 
-void DescribeRoom(const TraceEvent& e, LocatorOutcome& o) {
+// The two outcomes before a record is found: no uuid to look up, or no
+// listening model holding it. False when the locator found its record.
+bool DescribeUnresolved(const TraceEvent& e, const char* what, LocatorOutcome& o) {
   if (e.status == qvrcs::QVRCS_NOTHING_TO_LOAD) {
     o.what = "no uuid: skipped";
-    return;
+    return true;
   }
   if (e.record == nullptr) {
-    o.what = "no listening model holds room " + Quote(o.uuid);
-    return;
+    o.what = std::string("no listening model holds ") + what + " " + Quote(o.uuid);
+    return true;
   }
+  return false;
+}
+
+void DescribeRoom(const TraceEvent& e, LocatorOutcome& o) {
+  if (DescribeUnresolved(e, "room", o)) return;
   const auto& room = static_cast<const model::roomModel&>(*e.record);
   const std::string name = RecordName("rooms", e, room.uuid());
   o.firstRecord = name;
+  const size_t held = (e.capacity - qvrcs::kRoomCoefs) / 2;  // values the slot holds
   if (e.table.index < 0) {
     o.what = "room " + name + " has no coefficient table for " + kRate + " (" + RatesOf(room.coefftables()) + ")";
   } else if (e.table.count == 0) {
@@ -123,7 +131,7 @@ void DescribeRoom(const TraceEvent& e, LocatorOutcome& o) {
     o.sampleRate = e.table.sampleRate;
     o.what = "room " + name + ": its " + kRate + " table has " + std::to_string(e.table.count) +
              " coeff_16 values, a record of " + std::to_string(e.end - slot) + " bytes; the slot holds " +
-             std::to_string(e.capacity) + " (at most " + std::to_string((e.capacity - qvrcs::kRoomCoefs) / 2) +
+             std::to_string(e.capacity) + " (at most " + std::to_string(held) +
              " values)";
   } else {
     o.count = e.table.count;
@@ -134,7 +142,6 @@ void DescribeRoom(const TraceEvent& e, LocatorOutcome& o) {
     o.wrap = Coeff16Wrap("room " + name, e);
     if (!e.uuidPacked) o.problems.emplace_back("uuid-form", UuidProblem("room " + name, room.uuid()));
     // The record's header against its own values.
-    const size_t held = (e.capacity - qvrcs::kRoomCoefs) / 2;
     const std::string head = "room " + name + ": ";
     if (room.brirlength() > held) {
       o.problems.emplace_back("room-header", head + "brirLength " + std::to_string(room.brirlength()) +
@@ -192,14 +199,7 @@ void DescribeHeadphoneEq(const TraceEvent& e, const std::vector<const TraceEvent
 
 // `parts`: the channel and run events the loader reported before the locator's own.
 void DescribeAeq(const TraceEvent& e, const std::vector<const TraceEvent*>& parts, LocatorOutcome& o) {
-  if (e.status == qvrcs::QVRCS_NOTHING_TO_LOAD) {
-    o.what = "no uuid: skipped";
-    return;
-  }
-  if (e.record == nullptr) {
-    o.what = "no listening model holds AEQ " + Quote(o.uuid);
-    return;
-  }
+  if (DescribeUnresolved(e, "AEQ", o)) return;
   const auto& aeq = static_cast<const com::qvr::pb::coef::Aeq&>(*e.record);
   const std::string name = "AEQ " + RecordName("aeqs", e, aeq.uuid());
   o.firstRecord = RecordName("aeqs", e, aeq.uuid());
