@@ -2,7 +2,6 @@
 // "configurator.cfg" in text format from the search path, read and parse the
 // six tuning files it names, and write as many log lines as a successful run
 // of the configurator writes. Exit status 0 when everything parsed.
-#include <android/log.h>
 #include <fcntl.h>
 #include <google/protobuf/io/zero_copy_stream_impl.h>
 #include <google/protobuf/text_format.h>
@@ -12,6 +11,9 @@
 #include <string>
 
 #include "configurator.pb.h"
+#include "configurator/config_file.h"
+#include "configurator/log.h"
+#include "configurator/settings.h"
 #include "qvrcsPB.pb.h"
 
 namespace {
@@ -25,7 +27,7 @@ int main(int argc, char** argv) {
   if (argc != 2) return 2;
   const std::string dir = argv[1];
   com::qvr::korva::configurator::qdsp6::ConfiguratorConfig config;
-  const int fd = open((dir + "/configurator.cfg").c_str(), O_RDONLY);
+  const int fd = open((dir + "/" + qvr::kConfigFileName).c_str(), O_RDONLY);
   if (fd < 0) return 1;
   google::protobuf::io::FileInputStream input(fd);
   const bool configOk = google::protobuf::TextFormat::Parse(&input, &config);
@@ -33,15 +35,13 @@ int main(int argc, char** argv) {
   if (!configOk) return 1;
 
   int failed = 0;
-  for (const auto* slot : {&config.attached0(), &config.attached1(), &config.lineout0(), &config.bluetooth0(),
-                           &config.combo0(), &config.other()}) {
-    std::ifstream file(dir + "/" + slot->filename(), std::ios::in | std::ios::binary);
+  for (const qvr::ConfigSlot& slot : qvr::kConfigSlots) {
+    std::ifstream file(dir + "/" + (config.*slot.get)().filename(), std::ios::in | std::ios::binary);
     com::qvr::pb::wbn::Qvrcs message;
     if (!file.is_open() || !message.ParseFromIstream(&file)) ++failed;
   }
   for (int i = 0; i < kLogLines; ++i) {
-    __android_log_print(ANDROID_LOG_INFO, "QVR_KORVA (qvr_configurator)", "bare run, log line %d of %d", i + 1,
-                        kLogLines);
+    QVR_LOG("bare run, log line %d of %d", i + 1, kLogLines);
   }
   return failed == 0 ? 0 : 1;
 }

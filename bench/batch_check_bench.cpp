@@ -8,14 +8,10 @@
 //   batch_check_bench [--benchmark_... options]
 //   QVR_BATCH_SETS  number of generated sets (default 1000)
 #include <benchmark/benchmark.h>
-#include <unistd.h>
 
-#include <algorithm>
-#include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
-#include <fstream>
 #include <map>
 #include <string>
 #include <vector>
@@ -24,7 +20,6 @@
 #include "configurator/config_file.h"
 #include "configurator/settings.h"
 
-extern char** environ;
 
 namespace {
 

@@ -21,22 +21,19 @@
 
 #include "configurator/korva_driver.h"
 #include "configurator/settings.h"
+#include "tools/korva-driver-sim/sim_model.h"
 
 namespace {
 
-constexpr int64_t kMaxCacheSize = 64 * 1024 * 1024;
+using korva_sim::BlockExtent;
+using korva_sim::kMaxCacheSize;
+
 constexpr char kDspVersion[] = "BENCH";
 constexpr char kDspDescription[] = "in-process Korva driver";
 
 int g_driverFd = -1;
 int64_t g_cacheSize = -1;
 int64_t g_selectedOffset = -1;
-
-// End of the furthest area a cache block descriptor lays out, relative to its block.
-uint64_t BlockExtent(const qvr_korva_cache_block& block) {
-  return std::max({uint64_t{block.preSize}, uint64_t{block.preOff} + block.preFadeSize,
-                   uint64_t{block.postOff} + block.postSize, uint64_t{block.fadeOff} + block.postFadeSize});
-}
 
 int Refuse(int error) {
   errno = error;

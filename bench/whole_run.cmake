@@ -20,6 +20,7 @@ target_include_directories(qvr_configurator_inproc PRIVATE ${PROJECT_SOURCE_DIR}
 target_link_libraries(qvr_configurator_inproc PRIVATE configurator_core)
 target_link_options(qvr_configurator_inproc PRIVATE -Wl,--wrap=open -Wl,--wrap=ioctl)
 add_executable(bare_run ${CMAKE_CURRENT_LIST_DIR}/bare_run.cpp)
+target_include_directories(bare_run PRIVATE ${PROJECT_SOURCE_DIR})
 target_link_libraries(bare_run PRIVATE qvr_proto android_log)
 
 add_executable(whole_run_bench ${CMAKE_CURRENT_LIST_DIR}/whole_run_bench.cpp)

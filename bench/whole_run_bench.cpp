@@ -27,7 +27,6 @@
 
 #include "bench/child_run.h"
 #include "configurator/config_file.h"
-#include "configurator/payload.h"
 #include "configurator/settings.h"
 
 extern char** environ;

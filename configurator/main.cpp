@@ -76,7 +76,7 @@ void ReportDsp() {
   query.desc.offset = kDspQueryOffset;
   query.desc.device = kDeviceSelectBit | kDspQueryDevice;
   int32_t result = qvr_get_param(g_fd, &query);
-  if (result >= 0) {
+  if (!qvr_answer_refused(QVR_KORVA_IOCTL_GET_PARAM, result)) {
     char version[kDspVersionSize + 1];
     std::memcpy(version, query.reply, kDspVersionSize);
     version[kDspVersionSize] = '\0';
@@ -89,7 +89,7 @@ void ReportDsp() {
   query.desc.id = PARAM_ID_DSP_DESCRIPTION;
   query.desc.size = kDspDescriptionSize;
   result = qvr_get_param(g_fd, &query);
-  if (result >= 0) {
+  if (!qvr_answer_refused(QVR_KORVA_IOCTL_GET_PARAM, result)) {
     char description[kDspDescriptionSize + 1];
     std::memcpy(description, query.reply, kDspDescriptionSize);
     description[kDspDescriptionSize] = '\0';
@@ -119,7 +119,7 @@ int main(int argc, char** argv) {
   ReportDsp();
   QVR_LOG(kLogDriverHandle, g_fd);
 
-  if (qvr_set_volume_controls(g_fd, 0) < 0) {
+  if (qvr_answer_refused(QVR_KORVA_IOCTL_SET_VOLUME_CONTROLS, qvr_set_volume_controls(g_fd, 0))) {
     QVR_LOG(kLogVolumeFailed);
   } else {
     QVR_LOG(kLogVolumeSet);

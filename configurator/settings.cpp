@@ -95,7 +95,7 @@ int32_t load_settings(const char* searchPath) {
   int32_t result = qvr::kResultOk;
   QVR_LOG(kLogSettingCacheSize, qvr::kDriverCacheSize);
   const int32_t answer = qvr_set_cache_size(g_fd, qvr::kDriverCacheSize);
-  if (answer != 0) {
+  if (qvr_answer_refused(QVR_KORVA_IOCTL_SET_CACHE_SIZE, answer)) {
     result = qvr::kResultDriverRefused;
     QVR_LOG(kLogCacheSizeSet, g_fd, qvr::kDriverCacheSize, result);
   } else {
@@ -125,7 +125,7 @@ int32_t load_one_qvrcs_set(const char* qvrcsPath, uint32_t bitmask, int32_t cach
   QVR_LOG(kLogSettingCacheBlock);
   const qvr_korva_cache_block block = qvr_make_cache_block(index, slotBitmask);
   LogCacheBlock(block);
-  if (qvr_set_cache_block(g_fd, &block) != 0) {
+  if (qvr_answer_refused(QVR_KORVA_IOCTL_SET_CACHE_BLOCK, qvr_set_cache_block(g_fd, &block))) {
     result = qvr::kResultDriverRefused;
   } else {
     QVR_LOG(kLogSendingData);
@@ -151,7 +151,7 @@ int32_t load_one_qvrcs_set(const char* qvrcsPath, uint32_t bitmask, int32_t cach
       if (result == qvr::kResultOk) {
         const int32_t answer = qvr_set_param(g_fd, upload);
         QVR_LOG(kLogUploadResult, answer);
-        result = answer != 0 ? qvr::kResultDriverRefused : qvr::kResultOk;
+        result = qvr_answer_refused(QVR_KORVA_IOCTL_SET_PARAM, answer) ? qvr::kResultDriverRefused : qvr::kResultOk;
       }
       std::free(upload);
     }

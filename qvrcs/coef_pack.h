@@ -79,16 +79,6 @@ class LocatorStamp final : public TraceObserver {
   int locator_;
 };
 
-// Reports that a step of the postmix conversion filling `section` ended with `status`.
-inline void TraceStatus(TraceObserver* trace, SectionId section, int32_t status) {
-  if (trace == nullptr) return;
-  TraceEvent event;
-  event.kind = TraceKind::kStatus;
-  event.section = section;
-  event.status = status;
-  trace->OnEvent(event);
-}
-
 // Stores the one word of a tail section from a field of a coefficient record
 // and reports it; `present`: the record has the field.
 inline void StoreSectionWord(BlockView block, SectionId section, int32_t value, bool present,

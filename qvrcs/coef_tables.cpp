@@ -96,10 +96,6 @@ void PackEveryMatch(const google::protobuf::RepeatedPtrField<CoefTable>& tables,
   }
 }
 
-void TraceStatuses(TraceObserver* trace, std::initializer_list<SectionId> sections, int32_t status) {
-  for (SectionId id : sections) TraceStatus(trace, id, status);
-}
-
 }  // namespace
 
 int32_t QVRCS_ConvertVelmoXoverCoef(const ConversionContext& context, const Postmix& postmix,
@@ -112,7 +108,7 @@ int32_t QVRCS_ConvertVelmoXoverCoef(const ConversionContext& context, const Post
   // is overwritten by the high-pass one where they overlap.
   PackEveryMatch(xover.lpf_coeffs(), context.sampleRate, block, SectionId::kVelmoCrossoverLowPass, 16, trace);
   PackEveryMatch(xover.hpf_coeffs(), context.sampleRate, block, SectionId::kVelmoCrossoverHighPass, 16, trace);
-  TraceStatuses(trace, {SectionId::kVelmoCrossoverOrder, SectionId::kVelmoCrossoverLowPass, SectionId::kVelmoCrossoverHighPass},
+  TraceStatus(trace, {SectionId::kVelmoCrossoverOrder, SectionId::kVelmoCrossoverLowPass, SectionId::kVelmoCrossoverHighPass},
                 QVRCS_OK);
   return QVRCS_OK;
 }
@@ -139,7 +135,7 @@ int32_t QVRCS_ConvertVelmoHpfCoef(const ConversionContext& context, const Postmi
       status = QVRCS_OK;
     }
   }
-  TraceStatuses(trace, {SectionId::kVelmoHighPassOrder, SectionId::kVelmoHighPassCoefs}, status);
+  TraceStatus(trace, {SectionId::kVelmoHighPassOrder, SectionId::kVelmoHighPassCoefs}, status);
   return status;
 }
 
@@ -153,7 +149,7 @@ int32_t QVRCS_ConvertGormCoef(const ConversionContext& context, const Postmix& p
   // The coefficient area closes the block: values past its 24 words are
   // dropped at the block's end.
   PackEveryMatch(gorm.coeffs(), context.sampleRate, block, SectionId::kGormCoefficients, 32, trace);
-  TraceStatuses(trace, {SectionId::kGormSpeaker, SectionId::kGormAnalysis, SectionId::kGormCoefficients},
+  TraceStatus(trace, {SectionId::kGormSpeaker, SectionId::kGormAnalysis, SectionId::kGormCoefficients},
                 QVRCS_OK);
   return QVRCS_OK;
 }

@@ -74,8 +74,7 @@ void ConvertHpfCoef(const ConversionContext& context, const Postmix& postmix, Bl
       break;
     }
   }
-  TraceStatus(trace, SectionId::kHighPassOrder, QVRCS_OK);
-  TraceStatus(trace, SectionId::kHighPassCoefs, QVRCS_OK);
+  TraceStatus(trace, {SectionId::kHighPassOrder, SectionId::kHighPassCoefs}, QVRCS_OK);
 }
 
 }  // namespace

@@ -41,12 +41,7 @@ int32_t QVRCS_ConvertPostmixControls(const ConversionContext& context,
       trace->OnEvent(event);
     }
   }
-  if (trace != nullptr) {
-    TraceEvent event;
-    event.kind = TraceKind::kStatus;
-    event.status = status;
-    trace->OnEvent(event);
-  }
+  TraceStatus(trace, SectionId::kNone, status);
   return status;
 }
 

@@ -14,6 +14,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <initializer_list>
 #include <string>
 #include <vector>
 
@@ -116,6 +117,21 @@ class TraceObserver {
   virtual ~TraceObserver() = default;
   virtual void OnEvent(const TraceEvent& event) = 0;
 };
+
+// Reports that a step of the postmix conversion filling `section` ended with `status`.
+inline void TraceStatus(TraceObserver* trace, SectionId section, int32_t status) {
+  if (trace == nullptr) return;
+  TraceEvent event;
+  event.kind = TraceKind::kStatus;
+  event.section = section;
+  event.status = status;
+  trace->OnEvent(event);
+}
+
+// The same status for each of several sections one step fills.
+inline void TraceStatus(TraceObserver* trace, std::initializer_list<SectionId> sections, int32_t status) {
+  for (SectionId id : sections) TraceStatus(trace, id, status);
+}
 
 // The observer the tools pass: every event, in order.
 class ConversionTrace : public TraceObserver {

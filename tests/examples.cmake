@@ -36,9 +36,8 @@ endforeach()
 
 # Whole-payload fixtures of the example set; `update_goldens` rewrites them.
 qvr_add_test(golden_test
-  SOURCES ${CMAKE_CURRENT_LIST_DIR}/golden_test.cpp ${PROJECT_SOURCE_DIR}/fuzz/block_checks.cpp
-          ${PROJECT_SOURCE_DIR}/fuzz/fuzz_support.cpp
-  LIBS configurator_core)
+  SOURCES ${CMAKE_CURRENT_LIST_DIR}/golden_test.cpp
+  LIBS qvr_test_fuzz_support)
 target_compile_definitions(golden_test PRIVATE
   QVR_EXAMPLES_DIR="${QVR_EXAMPLES_DIR}" QVR_GOLDEN_DIR="${CMAKE_CURRENT_LIST_DIR}/golden")
 add_dependencies(golden_test examples)

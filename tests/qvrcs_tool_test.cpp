@@ -39,6 +39,7 @@ using qvrcs::block_test::AddTable16;
 using qvrcs::block_test::AddTable32;
 using qvrcs::block_test::Ramp;
 using qvr_test::ReadFile;
+using qvr_test::PostmixOf;
 using qvr_test::SettingsOf;
 using qvr_test::WriteFile;
 using qvrcs_tool::CheckReport;
@@ -76,7 +77,6 @@ Qvrcs GoodTuning() {
   return tuning;
 }
 
-Postmix& PostmixOf(Qvrcs& tuning) { return *SettingsOf(tuning).mutable_postmix(); }
 
 // A private search path per test; the configurator runs under the simulated
 // driver when a test compares with what the driver receives.
@@ -89,14 +89,14 @@ class ToolTest : public e2e::E2eTest {
   void WriteConfig(const std::string& first) {
     Write("good.bin", GoodTuning());
     // The other slots: good files made for their outputs.
-    const std::pair<const char*, com::qvr::pb::wbn::AudioRoute> others[] = {
-        {"attached1", com::qvr::pb::wbn::AR_OUT_ATTACHED1}, {"lineout0", com::qvr::pb::wbn::AR_OUT_LINEOUT},
-        {"bluetooth0", com::qvr::pb::wbn::AR_OUT_BLUETOOTH}, {"combo0", com::qvr::pb::wbn::AR_OUT_COMBO},
-        {"other", com::qvr::pb::wbn::AR_OUT_DEFAULT}};
-    std::string text = "attached0 { filename: \"" + first + "\" device_bitmask: 1 }\n";
-    for (const auto& [slot, route] : others) {
+    const com::qvr::pb::wbn::AudioRoute routes[std::size(qvr::kConfigSlots)] = {
+        com::qvr::pb::wbn::AR_OUT_ATTACHED0, com::qvr::pb::wbn::AR_OUT_ATTACHED1, com::qvr::pb::wbn::AR_OUT_LINEOUT,
+        com::qvr::pb::wbn::AR_OUT_BLUETOOTH, com::qvr::pb::wbn::AR_OUT_COMBO,     com::qvr::pb::wbn::AR_OUT_DEFAULT};
+    std::string text = std::string(qvr::kConfigSlots[0].name) + " { filename: \"" + first + "\" device_bitmask: 1 }\n";
+    for (size_t i = 1; i < std::size(qvr::kConfigSlots); ++i) {
+      const char* slot = qvr::kConfigSlots[i].name;
       Qvrcs good = GoodTuning();
-      good.mutable_workspace(0)->mutable_routeconfiguration(0)->set_route(route);
+      good.mutable_workspace(0)->mutable_routeconfiguration(0)->set_route(routes[i]);
       Write(std::string("good_") + slot + ".bin", good);
       text += std::string(slot) + " { filename: \"good_" + slot + ".bin\" device_bitmask: 1 }\n";
     }

@@ -130,4 +130,6 @@ inline KorvaSettings& SettingsOf(Qvrcs& tuning) {
   return *tuning.mutable_workspace(0)->mutable_routeconfiguration(0)->mutable_tech(0)->mutable_korva_v1_1();
 }
 
+inline com::qvr::pb::korva_v1_1::Postmix& PostmixOf(Qvrcs& tuning) { return *SettingsOf(tuning).mutable_postmix(); }
+
 }  // namespace qvr_test

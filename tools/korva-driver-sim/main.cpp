@@ -50,15 +50,11 @@ std::string PreloadLibrary() {
   return library;
 }
 
-// How each node appears in the testbed: its sysfs record and its devnode.
-struct NodeEntry {
-  const char* devnode;
-  const char* record;
-};
-// By index of korva_sim::kNodeNames.
-constexpr NodeEntry kNodeEntries[korva_sim::kNodeCount] = {
-    {kQvrKorvaHardwareNode, "P: /devices/virtual/sound/card0/hwC0D2\nN: snd/hwC0D2\nE: SUBSYSTEM=sound\n"},
-    {kQvrKorvaSoftwareNode, "P: /devices/virtual/misc/qvr_korva\nN: qvr_korva\nE: SUBSYSTEM=misc\n"},
+// How each node appears in the testbed: its sysfs record, by index of
+// korva_sim::kNodePaths.
+constexpr const char* kNodeRecords[korva_sim::kNodeCount] = {
+    "P: /devices/virtual/sound/card0/hwC0D2\nN: snd/hwC0D2\nE: SUBSYSTEM=sound\n",
+    "P: /devices/virtual/misc/qvr_korva\nN: qvr_korva\nE: SUBSYSTEM=misc\n",
 };
 
 void Complain(const std::string& message) {
@@ -381,11 +377,11 @@ int main(int argc, char** argv) {
   // library refuses every open of it.
   for (size_t node = 0; node < korva_sim::kNodeCount; ++node) {
     if (!EverPresent(nodeRules, node)) continue;
-    const NodeEntry& entry = kNodeEntries[node];
+    const char* devnode = korva_sim::kNodePaths[node];
     GError* gerror = nullptr;
-    if (!umockdev_testbed_add_from_string(testbed, entry.record, &gerror) ||
-        !umockdev_testbed_attach_ioctl(testbed, entry.devnode, handler, &gerror)) {
-      Complain(std::string("cannot create ") + entry.devnode + ": " + gerror->message);
+    if (!umockdev_testbed_add_from_string(testbed, kNodeRecords[node], &gerror) ||
+        !umockdev_testbed_attach_ioctl(testbed, devnode, handler, &gerror)) {
+      Complain(std::string("cannot create ") + devnode + ": " + gerror->message);
       g_error_free(gerror);
       g_object_unref(handler);
       g_object_unref(testbed);

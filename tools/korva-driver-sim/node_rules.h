@@ -11,6 +11,8 @@
 #include <iterator>
 #include <string_view>
 
+#include "configurator/korva_driver.h"
+
 namespace korva_sim {
 
 enum class NodeState : uint8_t { kPresent, kAbsent, kDenied };
@@ -18,6 +20,7 @@ enum class NodeState : uint8_t { kPresent, kAbsent, kDenied };
 // The two nodes, hardware first, in the order the configurator tries them.
 constexpr std::string_view kNodeNames[] = {"hw", "sw"};
 constexpr size_t kNodeCount = std::size(kNodeNames);
+constexpr const char* kNodePaths[kNodeCount] = {kQvrKorvaHardwareNode, kQvrKorvaSoftwareNode};
 
 constexpr std::string_view kStateNames[] = {"present", "absent", "denied"};
 

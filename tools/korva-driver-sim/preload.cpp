@@ -41,10 +41,10 @@
 namespace {
 
 using korva_sim::kNodeCount;
+using korva_sim::kNodePaths;
 using korva_sim::NodeRule;
 using korva_sim::NodeState;
 
-constexpr const char* kNodePaths[kNodeCount] = {kQvrKorvaHardwareNode, kQvrKorvaSoftwareNode};
 constexpr size_t kUploadSize = sizeof(qvr_korva_upload);
 
 struct Settings {

@@ -31,17 +31,6 @@ std::vector<uint8_t> Copy(const uint8_t* data, size_t size) {
   return data == nullptr ? std::vector<uint8_t>{} : std::vector<uint8_t>(data, data + size);
 }
 
-// End of the furthest area a cache block descriptor lays out, relative to its block.
-uint64_t BlockExtent(const qvr_korva_cache_block& block) {
-  const uint64_t ends[] = {
-      uint64_t{block.preSize},
-      uint64_t{block.preOff} + block.preFadeSize,
-      uint64_t{block.postOff} + block.postSize,
-      uint64_t{block.fadeOff} + block.postFadeSize,
-  };
-  return *std::max_element(std::begin(ends), std::end(ends));
-}
-
 std::string Digest(const std::vector<uint8_t>& cache, uint64_t offset, uint64_t size) {
   if (offset > cache.size() || size > cache.size() - offset) return "-";
   gchar* hex = g_compute_checksum_for_data(G_CHECKSUM_SHA256, cache.data() + offset, size);
@@ -337,8 +326,7 @@ void Driver::PrintSummary(FILE* out, const Injections& injections) const {
   uint32_t failedOpens = 0;
   for (size_t i = 0; i < injections.nodes.size() && i < kNodeCount; ++i) {
     const Injections::Node& node = injections.nodes[i];
-    const char* path = i == 0 ? kQvrKorvaHardwareNode : kQvrKorvaSoftwareNode;
-    std::fprintf(out, "node %s: %u open%s", path, node.opens, node.opens == 1 ? "" : "s");
+    std::fprintf(out, "node %s: %u open%s", kNodePaths[i], node.opens, node.opens == 1 ? "" : "s");
     std::string failures;
     for (const auto& [error, count] : node.failures) {
       failures += (failures.empty() ? "" : ", ") + std::to_string(count) + " failed with errno " +

@@ -3,6 +3,7 @@
 // of everything it received.
 #pragma once
 
+#include <algorithm>
 #include <cstddef>
 #include <cstdint>
 #include <cstdio>
@@ -19,6 +20,12 @@ namespace korva_sim {
 
 // Upper bound of the cache the simulated driver agrees to hold.
 constexpr int64_t kMaxCacheSize = 64 * 1024 * 1024;
+
+// End of the furthest area a cache block descriptor lays out, relative to its block.
+inline uint64_t BlockExtent(const qvr_korva_cache_block& block) {
+  return std::max({uint64_t{block.preSize}, uint64_t{block.preOff} + block.preFadeSize,
+                   uint64_t{block.postOff} + block.postSize, uint64_t{block.fadeOff} + block.postFadeSize});
+}
 
 // "--answer REQUEST[#N]=VALUE": answer VALUE to the N-th REQUEST (from 1), or
 // to every one when N is 0.
@@ -112,7 +119,6 @@ class Driver {
 
   const std::vector<uint8_t>& cache() const { return cache_; }
   const std::map<uint32_t, BlockState>& blocks() const { return blocks_; }
-  uint32_t requestCount() const { return seq_; }
 
  private:
   // One request as it arrived: the argument bytes exactly as received and
