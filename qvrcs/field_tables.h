@@ -281,4 +281,63 @@ static_assert(kPostmixAeqSection + kAeqReserved + 2 == kPostmixEnhance2Section);
 static_assert(kPostmixEnhance2Section + kEnhance2SectionSize == kPostmixZellSection);
 static_assert(kPostmixZellSection + TableEnd(kZellWords) == kPostmixControlSize);
 
+// ---- The blocks as the tables describe them ----------------------------------
+// One walk over every field table and reserved half-word of a block, at its
+// place in the block, for the builders that need all of them: the default
+// blocks (qvrcs/templates.cpp) and the field maps of the tools
+// (qvrcs/block_map.cpp). The visitor takes
+//   Fields(record, section, table)  a FieldCopyTable or RepeatedCopyEntry
+//   Reserved(offset)                a half-word no conversion writes
+//   AlwaysZero(offset)              a reserved half-word every conversion clears
+// where `record` is the settings record's path in the tuning file.
+
+template <class Visitor>
+constexpr void VisitEnhance2(Visitor& v, const char* record, size_t section) {
+  v.Fields(record, section, kEnhance2Words);
+  v.Fields(record, section, kEnhance2Htest);
+  v.Fields(record, section, kEnhance2RefHtest);
+}
+
+template <class Visitor>
+constexpr void VisitPremixBlock(Visitor& v) {
+  v.Fields("premix.dravo", kPremixDravoSection, kDravoWords);
+  v.Fields("premix.dravo", kPremixDravoSection, kDravoHalfWords);
+  v.Reserved(kPremixDravoSection + kDravoReserved);
+  VisitEnhance2(v, "premix.enhance2", kPremixEnhance2Section);
+  v.Fields("premix", 0, kPremixWords);
+  v.Fields("premix", 0, kPremixBypassMode);
+}
+
+// The control section (bytes 0 .. kPostmixControlSize) of the postmix block.
+template <class Visitor>
+constexpr void VisitPostmixControls(Visitor& v) {
+  v.Fields("postmix", 0, kPostmixWords);
+  for (const auto& array : kPostmixChannelArrays) v.Fields("postmix", 0, array);
+  v.Fields("postmix", 0, kPostmixBypassMode);
+
+  const size_t mox3d = kPostmixVelmoSection + kVelmoMox3dSubsection;
+  v.Fields("postmix.velmo.mox3d", mox3d, kMox3dWords);
+  v.Fields("postmix.velmo.mox3d", mox3d, kMox3dHalfWords);
+  v.Reserved(mox3d + kMox3dReserved);
+  const size_t ombra = kPostmixVelmoSection + kVelmoOmbraSubsection;
+  v.Fields("postmix.velmo.ombra", ombra, kOmbraWords);
+  v.Fields("postmix.velmo.ombra", ombra, kOmbraHalfWords);
+  const size_t gorm = kPostmixVelmoSection + kVelmoGormSubsection;
+  v.Fields("postmix.velmo.gorm", gorm, kGormWords);
+  v.Fields("postmix.velmo.gorm", gorm, kGormHalfWords);
+  v.Reserved(gorm + kGormReserved);
+  v.Fields("postmix.velmo", kPostmixVelmoSection, kVelmoWords);
+  v.Fields("postmix.velmo", kPostmixVelmoSection, kVelmoHalfWords);
+  v.Reserved(kPostmixVelmoSection + kVelmoReserved);
+
+  v.Fields("postmix.geq10b", kPostmixGeq10bSection, kGeq10bWords);
+  v.Fields("postmix.geq10b", kPostmixGeq10bSection, kGeq10bHalfWords);
+  v.AlwaysZero(kPostmixGeq10bSection + kGeq10bAlwaysZero);
+  v.Fields("postmix.aeq", kPostmixAeqSection, kAeqWords);
+  v.Fields("postmix.aeq", kPostmixAeqSection, kAeqHalfWords);
+  v.Reserved(kPostmixAeqSection + kAeqReserved);
+  VisitEnhance2(v, "postmix.enhance2", kPostmixEnhance2Section);
+  v.Fields("postmix.zell", kPostmixZellSection, kZellWords);
+}
+
 }  // namespace qvrcs

@@ -64,17 +64,18 @@ struct Image {
     for (size_t i = 0; i < M; ++i) Put(offset + 4 * i, 32, words[i]);
   }
   template <class Msg>
-  constexpr void Fields(size_t section, const FieldCopyTable<Msg>& table) {
+  constexpr void Fields(const char* /*record*/, size_t section, const FieldCopyTable<Msg>& table) {
     for (size_t i = 0; i < table.count; ++i) {
       Put(section + table.entries[i].offset, static_cast<unsigned>(table.width), table.entries[i].templ);
     }
   }
   // The defaults are listed slot by slot, in block order.
   template <class Msg>
-  constexpr void Fields(size_t section, const RepeatedCopyEntry<Msg>& entry) {
+  constexpr void Fields(const char* /*record*/, size_t section, const RepeatedCopyEntry<Msg>& entry) {
     for (size_t slot = 0; slot < entry.slots; ++slot) Put(section + entry.offset + 4 * slot, 32, entry.templ[slot]);
   }
   constexpr void Reserved(size_t offset) { Put(offset, 16, kReservedFill); }
+  constexpr void AlwaysZero(size_t offset) { Reserved(offset); }
   constexpr bool Described(size_t from, size_t to) const {
     for (size_t i = from; i < to; ++i) {
       if (!described[i]) return false;
@@ -83,54 +84,16 @@ struct Image {
   }
 };
 
-template <size_t N>
-constexpr void PutEnhance2(Image<N>& image, size_t section) {
-  image.Fields(section, kEnhance2Words);
-  image.Fields(section, kEnhance2Htest);
-  image.Fields(section, kEnhance2RefHtest);
-}
-
 constexpr Image<kPremixBlockSize> BuildPremix() {
   Image<kPremixBlockSize> image;
-  image.Fields(kPremixDravoSection, kDravoWords);
-  image.Fields(kPremixDravoSection, kDravoHalfWords);
-  image.Reserved(kPremixDravoSection + kDravoReserved);
-  PutEnhance2(image, kPremixEnhance2Section);
-  image.Fields(0, kPremixWords);
-  image.Fields(0, kPremixBypassMode);
+  VisitPremixBlock(image);
   return image;
 }
 
 constexpr Image<kPostmixBlockSize> BuildPostmix() {
   Image<kPostmixBlockSize> image;
-  image.Fields(0, kPostmixWords);
-  for (const auto& array : kPostmixChannelArrays) image.Fields(0, array);
-  image.Fields(0, kPostmixBypassMode);
-
-  const size_t mox3d = kPostmixVelmoSection + kVelmoMox3dSubsection;
-  image.Fields(mox3d, kMox3dWords);
-  image.Fields(mox3d, kMox3dHalfWords);
-  image.Reserved(mox3d + kMox3dReserved);
-  const size_t ombra = kPostmixVelmoSection + kVelmoOmbraSubsection;
-  image.Fields(ombra, kOmbraWords);
-  image.Fields(ombra, kOmbraHalfWords);
-  const size_t gorm = kPostmixVelmoSection + kVelmoGormSubsection;
-  image.Fields(gorm, kGormWords);
-  image.Fields(gorm, kGormHalfWords);
-  image.Reserved(gorm + kGormReserved);
-  image.Fields(kPostmixVelmoSection, kVelmoWords);
-  image.Fields(kPostmixVelmoSection, kVelmoHalfWords);
-  image.Reserved(kPostmixVelmoSection + kVelmoReserved);
-
-  image.Fields(kPostmixGeq10bSection, kGeq10bWords);
-  image.Fields(kPostmixGeq10bSection, kGeq10bHalfWords);
-  image.Reserved(kPostmixGeq10bSection + kGeq10bAlwaysZero);
-  image.Fields(kPostmixAeqSection, kAeqWords);
-  image.Fields(kPostmixAeqSection, kAeqHalfWords);
-  image.Reserved(kPostmixAeqSection + kAeqReserved);
-  PutEnhance2(image, kPostmixEnhance2Section);
+  VisitPostmixControls(image);
   image.Put(kPostmixEnhance2Section + OffsetOf(kEnhance2Words, "master_volume"), 32, kPostmixMasterVolume);
-  image.Fields(kPostmixZellSection, kZellWords);
 
   image.PutWords(kPostmixFixedWords, kPostmixFixedWordValues);
   for (size_t channel = 0; channel < kAeqChannels; ++channel) {
