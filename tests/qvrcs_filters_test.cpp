@@ -33,9 +33,9 @@ namespace {
 namespace fs = std::filesystem;
 using qvrcs::block_test::AddTable16;
 using qvrcs::block_test::Ramp;
-using com::qvr::pb::korva_v1_1::Postmix;
 using com::qvr::pb::wbn::Qvrcs;
 using qvr_test::ReadFile;
+using qvr_test::PostmixOf;
 using qvr_test::SettingsOf;
 using qvr_test::WriteFile;
 using qvrcs_tool::ChannelResponse;
@@ -57,7 +57,6 @@ std::vector<int32_t> Concat(const std::vector<std::vector<int32_t>>& parts) {
   return all;
 }
 
-Postmix& PostmixOf(Qvrcs& tuning) { return *SettingsOf(tuning).mutable_postmix(); }
 
 // A tuning file whose front room holds `values` and says `pairs` x 2 x kTaps.
 Qvrcs RoomTuning(const std::vector<int32_t>& values, uint32_t pairs) {
@@ -75,7 +74,6 @@ std::vector<FilterResponse> Filters(const Qvrcs& tuning, const std::vector<std::
   qvrcs_tool::Input input;
   input.reading = std::make_unique<qvr::TuningReading>();
   input.reading->message = tuning;
-  input.tuning = &input.reading->message;
   return qvrcs_tool::FiltersOf(input, sections);
 }
 

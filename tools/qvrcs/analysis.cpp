@@ -68,25 +68,22 @@ std::string RecordName(const char* list, const TraceEvent& e, const std::string&
   return std::string("postmix.model.") + list + "[" + std::to_string(e.entry) + "] " + Quote(uuid);
 }
 
-// A run of `count` values of `width` bits from `first` whose own area ends at
-// `areaEnd`: where it ends up when it does not fit.
-std::string Overrun(const std::string& what, size_t first, size_t count, unsigned width, size_t areaEnd) {
-  const size_t end = first + count * width / 8;
-  if (end <= areaEnd) return {};
-  std::string text = what + ": " + std::to_string(count) + " values run " + std::to_string(end - areaEnd) +
-                     " bytes past the section's end (byte " + std::to_string(areaEnd) + ")";
-  if (end > qvrcs::kPostmixBlockSize) {
-    const size_t dropped = (end - qvrcs::kPostmixBlockSize) / (width / 8);
-    return text + " and are cut at the end of the block: the last " + std::to_string(dropped) +
+// A run (a kRun event) that does not fit its own area: where it ends up.
+std::string RunOverrun(const std::string& what, const TraceEvent& run) {
+  if (run.end <= run.areaEnd) return {};
+  std::string text = what + ": " + std::to_string(run.count) + " values run " + std::to_string(run.end - run.areaEnd) +
+                     " bytes past the section's end (byte " + std::to_string(run.areaEnd) + ")";
+  if (run.written < run.count) {
+    return text + " and are cut at the end of the block: the last " + std::to_string(run.count - run.written) +
            " values are dropped";
   }
   std::string into;
   for (const qvrcs::SectionInfo& s : qvrcs::kPostmixSections) {
-    if (s.offset >= areaEnd && s.offset < end) into += (into.empty() ? "" : ", ") + std::string(s.name);
+    if (s.offset >= run.areaEnd && s.offset < run.end) into += (into.empty() ? "" : ", ") + std::string(s.name);
   }
   if (into.empty()) {
     // Within one section: the AEQ record's first channel runs on into the second.
-    const qvrcs::SectionInfo* within = qvrcs::SectionAt(areaEnd);
+    const qvrcs::SectionInfo* within = qvrcs::SectionAt(run.areaEnd);
     into = within != nullptr ? "the rest of " + std::string(within->name) : "the following bytes";
   }
   return text + " into " + into;
@@ -95,10 +92,6 @@ std::string Overrun(const std::string& what, size_t first, size_t count, unsigne
 std::string UuidProblem(const std::string& record, const std::string& uuid) {
   return record + ": uuid " + Quote(uuid) +
          " is not 32 hex digits in 8-4-4-4-12 form: the DSP gets its bytes shifted or zero";
-}
-
-std::string RunOverrun(const std::string& what, const TraceEvent& run) {
-  return Overrun(what, run.offset, run.count, run.width, run.areaEnd);
 }
 
 // The two outcomes before a record is found: no uuid to look up, or no
@@ -298,6 +291,17 @@ std::string ElsewhereHint(const Qvrcs& message, const KorvaSettings& settings, c
   return {};
 }
 
+// The field path ("postmix.velmo.gorm.level") of the field at `offset` of a
+// block, from the block maps; "" when none.
+std::string FieldPathAt(qvrcs::TraceBlock block, size_t offset) {
+  static const std::vector<qvrcs::FieldInfo> premix = qvrcs::PremixFieldMap();
+  static const std::vector<qvrcs::FieldInfo> postmix = qvrcs::PostmixControlFieldMap();
+  for (const qvrcs::FieldInfo& field : block == qvrcs::TraceBlock::kPremix ? premix : postmix) {
+    if (field.offset == offset && field.kind == qvrcs::FieldKind::kSetting) return field.path;
+  }
+  return {};
+}
+
 const TraceEvent* StopIn(const Conversion& c, qvrcs::TraceBlock block) {
   for (const TraceEvent& e : c.trace.events) {
     if (e.kind == TraceKind::kStopped && e.block == block) return &e;
@@ -310,15 +314,6 @@ std::string NegativeRefHtest(const TraceEvent& stop) {
 }
 
 }  // namespace
-
-std::string FieldPathAt(qvrcs::TraceBlock block, size_t offset) {
-  static const std::vector<qvrcs::FieldInfo> premix = qvrcs::PremixFieldMap();
-  static const std::vector<qvrcs::FieldInfo> postmix = qvrcs::PostmixControlFieldMap();
-  for (const qvrcs::FieldInfo& field : block == qvrcs::TraceBlock::kPremix ? premix : postmix) {
-    if (field.offset == offset && field.kind == qvrcs::FieldKind::kSetting) return field.path;
-  }
-  return {};
-}
 
 Analysis Analyse(const Conversion& conversion) {
   Analysis a;
@@ -388,7 +383,8 @@ Analysis Analyse(const Conversion& conversion) {
   return a;
 }
 
-std::string DiagnoseFailure(const Qvrcs& message, const Conversion& conversion) {
+std::string DiagnoseFailure(const Conversion& conversion) {
+  const Qvrcs& message = conversion.reading->message;
   if (!conversion.selected()) return conversion.SelectError();
   if (conversion.ok()) return {};
   const KorvaSettings& settings = conversion.settings();

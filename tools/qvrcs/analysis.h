@@ -61,9 +61,9 @@ struct Analysis {
 Analysis Analyse(const Conversion& conversion);
 
 // The record that caused a failed conversion, in one line; "" when the
-// conversion succeeded. `message` is the whole file (to tell, for instance,
+// conversion succeeded. The whole file is looked at (to tell, for instance,
 // that a room sits in a model the configurator does not search).
-std::string DiagnoseFailure(const Qvrcs& message, const Conversion& conversion);
+std::string DiagnoseFailure(const Conversion& conversion);
 
 struct Warning {
   std::string code;     // short stable identifier, e.g. "wrap16"
@@ -80,9 +80,5 @@ struct Warning {
 // Data of the file that converts without an error but is almost certainly
 // wrong. Not for a file that does not parse (the caller knows that).
 std::vector<Warning> FindSuspicious(const Conversion& conversion);
-
-// The field path ("postmix.velmo.gorm.level") of the field at `offset` of a
-// block, from the block maps; "" when none.
-std::string FieldPathAt(qvrcs::TraceBlock block, size_t offset);
 
 }  // namespace qvrcs_tool

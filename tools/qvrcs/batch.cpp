@@ -34,9 +34,8 @@ CheckedInput CheckSet(const std::string& dir, const BatchOptions& options) {
   checked.input = dir;
   checked.isSet = true;
   const std::string config = qvr::JoinPath(dir, qvr::kConfigFileName);
-  std::string bytes;
   std::string error;
-  if (!ReadRegularFile(config, bytes, error)) {
+  if (!CheckRegularFile(config, error)) {
     checked.error = config + ": " + error;
     return checked;
   }
@@ -50,29 +49,18 @@ CheckedInput CheckOneFile(const std::string& path, const BatchOptions& options, 
   const std::string shown = path == "-" ? "(standard input)" : path;
   std::string bytes;
   std::string error;
-  if (!(path == "-" ? ReadStream(in, bytes, error) : ReadRegularFile(path, bytes, error))) {
+  if (!ReadInput(path, in, bytes, error)) {
     checked.error = Shown(shown) + ": " + error;
     return checked;
   }
-  // A binary file goes to the reader as it is, parsable or not; a text file
-  // or standard input as a binary copy.
-  const Format format = options.format == Format::kAuto ? SniffFormat(bytes) : options.format;
-  if (format == Format::kBinary && path != "-") {
-    checked.report = CheckFile(path, shown);
-    return checked;
-  }
-  Qvrcs message;
-  Format used = Format::kBinary;
-  if (!ParseTuningAs(bytes, options.format, message, used, error) && used != Format::kBinary) {
-    checked.error = shown + ":" + error;
-    return checked;
-  }
+  std::string readerPath;
   TempFile copy;
-  if (!copy.Write(used == Format::kBinary ? bytes : message.SerializeAsString(), error)) {
-    checked.error = shown + ": " + error;
+  if (!ReaderInput(path, bytes, options.format, copy, readerPath, error)) {
+    checked.error = Located(shown, error);
     return checked;
   }
-  checked.report = CheckFile(copy.path(), shown);
+  checked.report = CheckFile(readerPath, shown);
+  if (readerPath == path) return checked;
   // The reader saw the copy: its lines name the input instead.
   auto rename = [&](std::string& text) {
     for (size_t at = text.find(copy.path()); at != std::string::npos; at = text.find(copy.path(), at + shown.size())) {

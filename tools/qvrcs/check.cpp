@@ -121,7 +121,7 @@ void CheckSlot(SlotReport& slot, CheckReport& report) {
   const qvr::ReaderStage stage = conversion.reading->stage;
   if (stage == qvr::ReaderStage::kCannotOpen || stage == qvr::ReaderStage::kUnparsable) {
     std::string bytes;
-    if (!ReadBytes(slot.path, bytes, error)) {
+    if (!ReadRegularFile(slot.path, bytes, error)) {
       if (slot.loaded) {
         warn("unparsable",
              slot.path + " " + error + ": the configurator uploads a blank payload and logs no error", false);
@@ -147,7 +147,7 @@ void CheckSlot(SlotReport& slot, CheckReport& report) {
       slot.meaning = std::string(slot.postmixStatus != 0 ? "postmix " : "premix ") + std::to_string(failing) +
                      ": " + qvrcs::QVRCS_StatusText(failing);
     }
-    slot.culprit = DiagnoseFailure(conversion.reading->message, conversion);
+    slot.culprit = DiagnoseFailure(conversion);
   }
   for (const Warning& w : FindSuspicious(conversion)) warn(w.code.c_str(), w.message, w.note);
   const std::string route = RouteMismatch(slot.slot, conversion);

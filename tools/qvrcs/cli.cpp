@@ -3,13 +3,11 @@
 // one-line errors on standard error.
 #include <google/protobuf/text_format.h>
 #include <google/protobuf/util/json_util.h>
-#include <unistd.h>
 
 #include <CLI/CLI.hpp>
 #include <algorithm>
 #include <cstdio>
 #include <iomanip>
-#include <iostream>
 #include <thread>
 
 #include "configurator/payload.h"
@@ -47,10 +45,7 @@ bool Emit(const std::string& path, const std::string& bytes, const std::vector<s
 bool Load(const std::string& path, const LoadOptions& options, LoadedInput& loaded, const Streams& s) {
   std::string error;
   if (LoadInput(path, options, s.in, loaded, error)) return true;
-  // Text errors start with "line:column: ".
-  const bool located = !error.empty() && error[0] >= '1' && error[0] <= '9';
-  s.Error(located ? Shown(path) + ":" + error.substr(0, error.find(": ")) : Shown(path),
-          located ? error.substr(error.find(": ") + 2) : error);
+  s.Error("", Located(Shown(path), error));
   return false;
 }
 
@@ -333,36 +328,24 @@ int ConvertCommand(const ConvertOptions& o, const Streams& s) {
   }
   std::string bytes;
   std::string error;
-  if (!(o.file == "-" ? ReadStream(s.in, bytes, error) : ReadRegularFile(o.file, bytes, error))) {
+  if (!ReadInput(o.file, s.in, bytes, error)) {
     s.Error(Shown(o.file), error);
     return kExitBadInput;
   }
   Format format = Format::kAuto;
   if (!FormatOption(o.tuning.format, format, s)) return kExitUsage;
-  // The reader takes a binary file by name, parsable or not; a text file or
-  // standard input goes to it as a binary copy.
-  std::string readerPath = o.file;
+  std::string readerPath;
   TempFile copy;
-  if (o.file == "-" || (format == Format::kAuto ? SniffFormat(bytes) : format) != Format::kBinary) {
-    Qvrcs message;
-    Format used = Format::kBinary;
-    const bool parsed = ParseTuningAs(bytes, format, message, used, error);
-    if (!parsed && used != Format::kBinary) {
-      s.Error(Shown(o.file) + ":" + error.substr(0, error.find(": ")), error.substr(error.find(": ") + 2));
-      return kExitBadInput;
-    }
-    if (!copy.Write(used == Format::kBinary ? bytes : message.SerializeAsString(), error)) {
-      s.Error(Shown(o.file), error);
-      return kExitBadInput;
-    }
-    readerPath = copy.path();
+  if (!ReaderInput(o.file, bytes, format, copy, readerPath, error)) {
+    s.Error("", Located(Shown(o.file), error));
+    return kExitBadInput;
   }
   const ReaderRun run = RunReader(readerPath);
   const Conversion& conversion = *run.conversion;
   const bool parsed = conversion.reading->stage != qvr::ReaderStage::kUnparsable;
   std::string problem;
   if (conversion.readerStatus != 0) {
-    const std::string cause = DiagnoseFailure(conversion.reading->message, conversion);
+    const std::string cause = DiagnoseFailure(conversion);
     problem = "the configurator would not upload it (reader " + std::to_string(conversion.readerStatus) +
               ", premix " + std::to_string(conversion.premixStatus()) + ", postmix " +
               std::to_string(conversion.postmixStatus()) + ")" + (cause.empty() ? "" : ": " + cause);
@@ -433,7 +416,7 @@ struct DumpOptions {
 int DumpCommand(const DumpOptions& o, const Streams& s) {
   LoadedInput input;
   if (!o.tuning.Load(o.file, input, s)) return kExitBadInput;
-  Qvrcs& message = *input.input.tuning;
+  Qvrcs& message = input.input.reading->message;
   std::string text;
   if (o.json) {
     google::protobuf::util::JsonPrintOptions options;
@@ -474,7 +457,7 @@ int EncodeCommand(const EncodeOptions& o, const Streams& s) {
   LoadedInput input;
   if (!o.tuning.Load(o.text, input, s)) return kExitBadInput;
   std::string bytes;
-  if (!input.input.tuning->SerializeToString(&bytes)) {
+  if (!input.input.reading->message.SerializeToString(&bytes)) {
     s.Error(Shown(o.text), "cannot be encoded");
     return kExitBadInput;
   }

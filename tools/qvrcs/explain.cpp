@@ -217,7 +217,7 @@ void AddFadeArea(View& view, const char* name, size_t at) {
 
 }  // namespace
 
-View BuildView(Input& input) {
+View BuildView(Input& input, std::unique_ptr<Conversion>* handBack) {
   View view;
   view.path = input.path;
   view.isPayload = input.isPayload;
@@ -236,7 +236,7 @@ View BuildView(Input& input) {
       view.premixStatus = conversion->premixStatus();
       view.postmixStatus = conversion->postmixStatus();
       view.payload = conversion->Payload();
-      if (!conversion->ok()) view.failure = DiagnoseFailure(*input.tuning, *conversion);
+      if (!conversion->ok()) view.failure = DiagnoseFailure(*conversion);
       analysis = std::make_unique<Analysis>(Analyse(*conversion));
     }
   }
@@ -256,6 +256,7 @@ View BuildView(Input& input) {
       }
     }
   }
+  if (handBack != nullptr) *handBack = std::move(conversion);
   return view;
 }
 

@@ -7,6 +7,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -43,8 +44,9 @@ struct View {
   std::vector<Warning> warnings;  // every warning and note check gives the file
 };
 
-// Builds the view of one input.
-View BuildView(Input& input);
+// Builds the view of one input; a tuning file's conversion is handed back in
+// `conversion` when given.
+View BuildView(Input& input, std::unique_ptr<Conversion>* conversion = nullptr);
 
 // Rows whose bytes differ between two views (by position: both views have
 // the same rows), as pairs of (a, b).

@@ -165,12 +165,32 @@ bool ParseTuningAs(const std::string& bytes, Format format, Qvrcs& message, Form
   }
 }
 
+std::string Located(const std::string& shown, const std::string& error) {
+  // Text errors start with "line:column: ".
+  const bool located = !error.empty() && error[0] >= '1' && error[0] <= '9';
+  return shown + (located ? ":" : ": ") + error;
+}
+
+bool ReaderInput(const std::string& path, const std::string& bytes, Format format, TempFile& copy,
+                 std::string& readerPath, std::string& error) {
+  if (path != "-" && (format == Format::kAuto ? SniffFormat(bytes) : format) == Format::kBinary) {
+    readerPath = path;
+    return true;
+  }
+  Qvrcs message;
+  Format used = Format::kBinary;
+  if (!ParseTuningAs(bytes, format, message, used, error) && used != Format::kBinary) return false;
+  if (!copy.Write(used == Format::kBinary ? bytes : message.SerializeAsString(), error)) return false;
+  readerPath = copy.path();
+  return true;
+}
+
 bool LoadInput(const std::string& path, const LoadOptions& options, std::istream& in, LoadedInput& loaded,
                std::string& error) {
   loaded = LoadedInput{};
   loaded.input.path = path;
   std::string bytes;
-  if (!(path == "-" ? ReadStream(in, bytes, error) : ReadRegularFile(path, bytes, error))) return false;
+  if (!ReadInput(path, in, bytes, error)) return false;
 
   if (options.deviceSide) return LoadDeviceSide(bytes, options, loaded, error);
   if (!options.tuningOnly && options.format == Format::kAuto &&
@@ -179,11 +199,8 @@ bool LoadInput(const std::string& path, const LoadOptions& options, std::istream
   }
   auto reading = std::make_unique<qvr::TuningReading>();
   Format used = Format::kBinary;
-  const bool parsed = ParseTuningAs(bytes, options.format, reading->message, used, error);
-  loaded.format = used;
-  if (parsed) {
+  if (ParseTuningAs(bytes, options.format, reading->message, used, error)) {
     loaded.input.reading = std::move(reading);
-    loaded.input.tuning = &loaded.input.reading->message;
     loaded.form = used == Format::kBinary ? "tuning file" : std::string(FormatName(used)) + " tuning file";
     return true;
   }

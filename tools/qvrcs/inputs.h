@@ -8,6 +8,7 @@
 #include <istream>
 #include <string>
 
+#include "tools/qvrcs/io.h"
 #include "tools/qvrcs/tuning.h"
 
 namespace qvrcs_tool {
@@ -29,7 +30,6 @@ struct LoadOptions {
 // One input as read.
 struct LoadedInput {
   Input input;  // the tuning message, or the payload
-  Format format = Format::kBinary;  // tuning files: how it was written
   std::string form;  // "tuning file", "text tuning file", "payload", "upload", "cache dump block 3"
   bool hasDescriptor = false;  // an upload: its parameter descriptor
   uint32_t descriptorId = 0;
@@ -39,10 +39,22 @@ struct LoadedInput {
 };
 
 // Reads `path` ("-": `in`) as `options` say. False with a one-line reason in
-// `error`; text errors name the line and column ("3:11: ...", prefixed by
-// the caller with the file name).
+// `error`; text errors name the line and column ("3:11: ...", given the file
+// name by Located).
 bool LoadInput(const std::string& path, const LoadOptions& options, std::istream& in, LoadedInput& loaded,
                std::string& error);
+
+// `error` from LoadInput or ReaderInput about the input shown as `shown`, as
+// one line: "FILE:3:11: what" when it names a line and column, else "FILE: what".
+std::string Located(const std::string& shown, const std::string& error);
+
+// The file to hand the configurator's reader (which takes a binary file by
+// name) for the input `path` whose bytes are `bytes`, read as `format`
+// (kAuto: by content): a binary file by its own name, parsable or not; a
+// text or JSON file, or standard input ("-"), as a binary copy in `copy`.
+// False with a one-line reason in `error` (as LoadInput's).
+bool ReaderInput(const std::string& path, const std::string& bytes, Format format, TempFile& copy,
+                 std::string& readerPath, std::string& error);
 
 // How `bytes` look: text, JSON or (anything else) binary; nothing is parsed.
 Format SniffFormat(const std::string& bytes);

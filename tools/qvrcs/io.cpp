@@ -63,6 +63,32 @@ bool OpenRegular(const std::string& path, Fd& file, struct stat& info, std::stri
   return true;
 }
 
+// Makes a new file from the mkstemp pattern `name` (filled in) with `mode`
+// (mkstemp makes it private); -1, with errno, when none can be made.
+int NewFile(std::string& name, mode_t mode) {
+  const int fd = mkstemp(name.data());
+  if (fd < 0 || fchmod(fd, mode) == 0) return fd;
+  const int saved = errno;
+  close(fd);
+  unlink(name.c_str());
+  errno = saved;
+  return -1;
+}
+
+// The mode a new file gets.
+mode_t NewFileMode() {
+  const mode_t mask = umask(0);
+  umask(mask);
+  return 0666 & ~mask;
+}
+
+// Whether `a` and `b` name the same existing file.
+bool SameFile(const std::string& a, const std::string& b) {
+  struct stat sa {}, sb {};
+  if (stat(a.c_str(), &sa) != 0 || stat(b.c_str(), &sb) != 0) return false;
+  return sa.st_dev == sb.st_dev && sa.st_ino == sb.st_ino;
+}
+
 }  // namespace
 
 std::string Shown(const std::string& path) { return path.empty() ? "\"\"" : path; }
@@ -120,6 +146,16 @@ bool ReadStream(std::istream& in, std::string& bytes, std::string& error) {
   return true;
 }
 
+std::string TemporaryNear(const std::string& path) {
+  std::string name = path + ".XXXXXX";
+  const Fd file{NewFile(name, NewFileMode())};
+  return file.fd < 0 ? std::string() : name;
+}
+
+bool ReadInput(const std::string& path, std::istream& in, std::string& bytes, std::string& error) {
+  return path == "-" ? ReadStream(in, bytes, error) : ReadRegularFile(path, bytes, error);
+}
+
 TempFile::~TempFile() {
   if (!path_.empty()) unlink(path_.c_str());
 }
@@ -145,12 +181,6 @@ bool TempFile::Write(const std::string& bytes, std::string& error) {
   return true;
 }
 
-bool SameFile(const std::string& a, const std::string& b) {
-  struct stat sa {}, sb {};
-  if (stat(a.c_str(), &sa) != 0 || stat(b.c_str(), &sb) != 0) return false;
-  return sa.st_dev == sb.st_dev && sa.st_ino == sb.st_ino;
-}
-
 bool WriteAtomically(const std::string& path, const std::string& bytes, const std::vector<std::string>& inputs,
                      std::string& error) {
   if (path.empty()) {
@@ -171,15 +201,13 @@ bool WriteAtomically(const std::string& path, const std::string& bytes, const st
   }
   const size_t slash = path.rfind('/');
   std::string temp = (slash == std::string::npos ? std::string() : path.substr(0, slash + 1)) + ".qvrcs-XXXXXX";
-  Fd file{mkstemp(temp.data())};
+  // An existing file keeps its mode.
+  Fd file{NewFile(temp, exists ? target.st_mode & 07777 : NewFileMode())};
   if (file.fd < 0) {
     error = std::string("cannot write: ") + std::strerror(errno);
     return false;
   }
-  // mkstemp makes the file private; give it what a new file would get.
-  const mode_t mask = umask(0);
-  umask(mask);
-  bool ok = fchmod(file.fd, exists ? (target.st_mode & 07777) : (0666 & ~mask)) == 0;
+  bool ok = true;
   for (size_t done = 0; ok && done < bytes.size();) {
     const ssize_t n = write(file.fd, bytes.data() + done, bytes.size() - done);
     if (n < 0 && errno == EINTR) continue;

@@ -31,11 +31,18 @@ bool CheckRegularFile(const std::string& path, std::string& error);
 // Reads at most kMaxInputSize bytes from `in` (standard input).
 bool ReadStream(std::istream& in, std::string& bytes, std::string& error);
 
+// Reads an input: `in` for "-", else the regular file `path`.
+bool ReadInput(const std::string& path, std::istream& in, std::string& bytes, std::string& error);
+
 // Writes `bytes` to `path` through a temporary file in the same folder,
 // renamed over `path` when complete. Refuses a `path` that is one of
 // `inputs` (the same file, by device and inode, or the same name).
 bool WriteAtomically(const std::string& path, const std::string& bytes, const std::vector<std::string>& inputs,
                      std::string& error);
+
+// A new empty file named after `path` (path.XXXXXX) with the mode a new file
+// gets, for writing an output whole before renaming it; "" when none can be made.
+std::string TemporaryNear(const std::string& path);
 
 // A private temporary file holding `bytes`, removed when this goes away:
 // for the configurator's reader, which takes a binary file by name.
@@ -51,8 +58,5 @@ class TempFile {
  private:
   std::string path_;
 };
-
-// Whether `a` and `b` name the same existing file.
-bool SameFile(const std::string& a, const std::string& b);
 
 }  // namespace qvrcs_tool

@@ -1,8 +1,6 @@
 #include "tools/qvrcs/plot.h"
 
 #include <plplot/plplot.h>
-#include <sys/stat.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
@@ -12,6 +10,8 @@
 #include <cstring>
 #include <fstream>
 #include <sstream>
+
+#include "tools/qvrcs/io.h"
 
 namespace qvrcs_tool {
 namespace {
@@ -261,20 +261,6 @@ bool EndsWith(const std::string& text, const std::string& suffix) {
 }
 
 }  // namespace
-
-std::string TemporaryNear(const std::string& path) {
-  std::string name = path + ".XXXXXX";
-  std::vector<char> buffer(name.begin(), name.end());
-  buffer.push_back('\0');
-  const int fd = mkstemp(buffer.data());
-  if (fd < 0) return {};
-  // mkstemp makes the file private; the output gets the usual mode.
-  const mode_t mask = umask(0);
-  umask(mask);
-  fchmod(fd, 0666 & ~mask);
-  close(fd);
-  return buffer.data();
-}
 
 std::string PlotText(const std::string& text) {
   constexpr size_t kLongest = 150;  // characters that fit across the page

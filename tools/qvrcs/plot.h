@@ -26,10 +26,6 @@ bool DrawToFile(const std::vector<PlotFile>& files, const std::string& path, std
 // for embedding into a page.
 bool DrawSvg(const std::vector<PlotFile>& files, std::string& svg, std::string& error);
 
-// A new empty file named after `path` (path.XXXXXX), for writing an output
-// whole before renaming it; "" when none can be made.
-std::string TemporaryNear(const std::string& path);
-
 // `text` reduced to what may go into a plot label: printable ASCII without
 // markup characters or the plotting library's escape character.
 std::string PlotText(const std::string& text);

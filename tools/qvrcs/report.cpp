@@ -10,7 +10,9 @@
 #include <iterator>
 #include <map>
 
+#include "configurator/config_file.h"
 #include "configurator/payload.h"
+#include "configurator/settings.h"
 #include "qvrcs/qvrcs.h"
 #include "qvrcs/record_layout.h"
 #include "qvrcs/trace.h"
@@ -112,19 +114,9 @@ std::string FileSection(const std::string& path, int& figure) {
   if (!LoadInput(path, LoadOptions{}, std::cin, loaded, error)) {
     return "<p class=\"fails\">" + EscapeHtml(error) + "</p>\n";
   }
-  Input& input = loaded.input;
-  // The explain view and the plots each take a conversion of their own.
-  Input second;
-  second.path = input.path;
-  second.isPayload = input.isPayload;
-  second.payload = input.payload;
-  if (!input.isPayload) {
-    second.reading = std::make_unique<qvr::TuningReading>();
-    second.reading->message = input.reading->message;
-    second.tuning = &second.reading->message;
-  }
   std::string html;
-  const View view = BuildView(input);
+  std::unique_ptr<Conversion> conversion;
+  const View view = BuildView(loaded.input, &conversion);
   html += "<table><tr><th>offset</th><th>bytes</th><th>section</th><th>origin</th><th>source</th><th>what</th></tr>\n";
   for (const Row& r : view.rows) {
     if (r.isField || r.block != "postmix") continue;
@@ -134,7 +126,9 @@ std::string FileSection(const std::string& path, int& figure) {
   }
   html += "</table>\n";
 
-  const std::vector<FilterResponse> filters = FiltersOf(second, {});
+  // The plots of the same conversion (a payload file: its blocks as they stand).
+  const std::vector<FilterResponse> filters =
+      conversion != nullptr ? FiltersOf(*conversion, {}) : FiltersOf(loaded.input, {});
   std::string svg;
   if (!DrawSvg({PlotFile{path, filters}}, svg, error)) return html + "<p class=\"fails\">" + EscapeHtml(error) + "</p>\n";
   html += "<figure class=\"plot\">" + UniqueIds(svg, "p" + std::to_string(++figure) + "-") + "<figcaption>";
@@ -234,14 +228,13 @@ int PlotCommand(const FilterCommands& c, std::ostream& out, std::ostream& err) {
 }
 
 int ReportCommand(const FilterCommands& c, std::ostream& out, std::ostream& err) {
+  std::string error;
   for (const std::string& dir : c.dirs) {
-    std::ifstream probe(dir + "/configurator.cfg");
-    if (!probe) {
-      err << "qvrcs: " << dir << ": no configurator.cfg to read: " << std::strerror(errno) << "\n";
+    if (!CheckRegularFile(qvr::JoinPath(dir, qvr::kConfigFileName), error)) {
+      err << "qvrcs: " << dir << ": no " << qvr::kConfigFileName << " to read: " << error << "\n";
       return kExitBadInput;
     }
   }
-  std::string error;
   if (!WriteWhole(c.reportOutput, ReportPage(c.dirs), error)) {
     err << "qvrcs: " << c.reportOutput << ": " << error << "\n";
     return kExitBadInput;
@@ -259,10 +252,11 @@ std::vector<FilterResponse> FiltersOf(Input& input, const std::vector<std::strin
               input.payload.begin() + static_cast<long>(qvr::kPostmixPayloadOffset + block->size()), block->begin());
     return Responses(*block, {}, qvr::kDspSampleRate, sections);
   }
-  const std::unique_ptr<Conversion> conversion = Convert(input);
-  const uint32_t rate = conversion->reading->context.sampleRate;
-  return Responses(conversion->reading->postmix, FactsOf(*conversion), rate != 0 ? rate : qvr::kDspSampleRate,
-                   sections);
+  return FiltersOf(*Convert(input), sections);
+}
+
+std::vector<FilterResponse> FiltersOf(const Conversion& conversion, const std::vector<std::string>& sections) {
+  return Responses(conversion.reading->postmix, FactsOf(conversion), qvr::kDspSampleRate, sections);
 }
 
 std::string EscapeHtml(const std::string& text) {

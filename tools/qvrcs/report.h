@@ -21,6 +21,9 @@ namespace qvrcs_tool {
 // conversion takes over), or taken as they stand (a payload file).
 std::vector<FilterResponse> FiltersOf(Input& input, const std::vector<std::string>& sections);
 
+// The same for a tuning file already converted.
+std::vector<FilterResponse> FiltersOf(const Conversion& conversion, const std::vector<std::string>& sections);
+
 // `text` with the characters that mean something in HTML replaced by entities.
 std::string EscapeHtml(const std::string& text);
 

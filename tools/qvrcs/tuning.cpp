@@ -1,17 +1,11 @@
 #include "tools/qvrcs/tuning.h"
 
 #include <google/protobuf/stubs/logging.h>
-#include <sys/stat.h>
-#include <unistd.h>
 
-#include <cerrno>
+#include <cstdarg>
 #include <cstdio>
-#include <cstring>
-#include <fstream>
-#include <sstream>
 
 #include "configurator/payload.h"
-#include "tools/qvrcs/io.h"
 
 namespace qvrcs_tool {
 namespace {
@@ -33,10 +27,6 @@ __attribute__((format(printf, 2, 0))) void CollectLine(void* context, const char
 
 void QuietProtobufLog() { google::protobuf::SetLogHandler(nullptr); }
 
-bool ReadBytes(const std::string& path, std::string& bytes, std::string& error) {
-  return ReadRegularFile(path, bytes, error);
-}
-
 std::string Conversion::SelectError() const {
   return reading->selection.missing != nullptr ? std::string("the file has no ") + reading->selection.missing
                                                : std::string();
@@ -51,7 +41,6 @@ std::vector<uint8_t> Conversion::Payload() const {
 std::unique_ptr<Conversion> Convert(Input& input) {
   auto conversion = std::make_unique<Conversion>();
   conversion->reading = std::move(input.reading);
-  input.tuning = &conversion->reading->message;
   qvr::TuningReading& reading = *conversion->reading;
   reading.selection = qvr::SelectSettings(reading.message);
   if (reading.selection.settings == nullptr) {

@@ -23,12 +23,8 @@ struct Input {
   std::string path;
   bool isPayload = false;
   std::unique_ptr<qvr::TuningReading> reading;  // tuning files: parsed into reading->message
-  Qvrcs* tuning = nullptr;                      // tuning files: &reading->message
   std::vector<uint8_t> payload;                 // payload files: the cache block payload
 };
-
-// Reads the whole regular file (tools/qvrcs/io.h); false with a one-line reason.
-bool ReadBytes(const std::string& path, std::string& bytes, std::string& error);
 
 // Protobuf's own complaints (a message missing required fields) are kept out
 // of the tool's output: the tool says what is wrong itself.
@@ -53,7 +49,8 @@ struct Conversion {
   std::vector<uint8_t> Payload() const;
 };
 
-// Converts a parsed tuning input with the reader's convert step.
+// Converts a parsed tuning input with the reader's convert step (the
+// conversion takes over its reading).
 std::unique_ptr<Conversion> Convert(Input& input);
 
 // One run of the reader's steps over `path`, as the configurator reads it,
