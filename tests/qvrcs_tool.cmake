@@ -9,6 +9,5 @@ target_compile_definitions(qvrcs_tool_test PRIVATE
   QVR_EXAMPLES_DIR="${QVR_EXAMPLES_DIR}"
   QVR_CONFIGURATOR_EXE="$<TARGET_FILE:qvr_configurator>"
   QVR_DRIVER_SIM_EXE="$<TARGET_FILE:korva-driver-sim>"
-  QVR_FAKETIME_EXE=""
-  QVRCS_VERSION="${PROJECT_VERSION}")
+  QVR_FAKETIME_EXE="")
 add_dependencies(qvrcs_tool_test examples qvr_configurator korva-driver-sim qvrcs_tool)
