@@ -15,7 +15,7 @@ namespace korva_sim {
 namespace {
 
 // Largest reply the simulated driver writes into a query's reply space.
-constexpr size_t kMaxReply = 64 * 1024;
+constexpr size_t kMaxReply = QVR_KORVA_MAX_REPLY;
 constexpr size_t kDescSize = sizeof(qvr_korva_param_desc);
 
 constexpr const char* kUnknownRequest = "UNKNOWN";
