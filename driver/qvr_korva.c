@@ -34,6 +34,7 @@
 #include <linux/compat.h>
 #include <linux/debugfs.h>
 #include <linux/fs.h>
+#include <linux/math64.h>
 #include <linux/miscdevice.h>
 #include <linux/module.h>
 #include <linux/mutex.h>
@@ -144,7 +145,7 @@ static long set_cache_block(void __user *arg)
 	/* The block, and every block before it at the same extent, in the cache. */
 	extent = block_extent(&block);
 	if ((u64)block.kGlobalOffset + extent > korva.cache_size ||
-	    ((u64)block.idx + 1) * extent > korva.cache_size)
+	    (extent && block.idx >= div64_u64(korva.cache_size, extent)))
 		return -EINVAL;
 	korva.selected = block;
 	korva.have_selected = true;
