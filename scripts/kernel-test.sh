@@ -181,7 +181,7 @@ case "$arch" in
             "nocompat armhf ready no_compat=1") ;;
 esac
 
-# What the module answers to the queries: its defaults, read from its own info.
+# What the module answers to the queries: the defaults in its source.
 param_default() { sed -n "s/^static char \*$1 = \"\(.*\)\";$/\1/p" driver/qvr_korva.c; }
 dsp_version=$(param_default dsp_version)
 dsp_description=$(param_default dsp_description)
