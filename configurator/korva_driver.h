@@ -2,12 +2,15 @@
 // with them, and one typed call per request. Every field is in the processor's
 // native byte order (little-endian on the target), naturally aligned, no padding.
 //
-// This header is the one place that knows the request codes and the wire
-// records; the configurator, the simulated driver and the tools all use it.
-// Only configurator/driver.cpp issues the ioctl calls.
+// The request codes and the wire records are defined once, in C, in
+// uapi/qvr_korva.h, which the reference driver (driver/) includes as well; this
+// header pins their layout and values for C++ and adds what the programs share:
+// the request names, the configurator's reading of answers, the typed calls.
+// The configurator, the simulated driver and the tools all use it. Only
+// configurator/driver.cpp issues the ioctl calls.
 #pragma once
 
-#include <linux/ioctl.h>
+#include "configurator/uapi/qvr_korva.h"
 
 #include <cstddef>
 #include <cstdint>
@@ -18,46 +21,31 @@
 // ---- Device nodes ---------------------------------------------------------------
 // The hardware node is tried first on every pass; the software node is its fallback.
 constexpr const char* kQvrKorvaHardwareNode = "/dev/snd/hwC0D2";
-constexpr const char* kQvrKorvaSoftwareNode = "/dev/qvr_korva";
+constexpr const char* kQvrKorvaSoftwareNode = "/dev/" QVR_KORVA_NODE_NAME;
 
 // ---- Records --------------------------------------------------------------------
-
-// Heads every parameter read or write; `size` data bytes follow it directly.
-struct qvr_korva_param_desc {
-  uint32_t id;      //  0: DSP parameter (command) identifier, PARAM_ID_...
-  int32_t size;     //  4: number of data bytes after the descriptor
-  int32_t offset;   //  8: -1 in the version queries, 0 in the tuning upload
-  uint32_t device;  // 12: device selection; bit 31 always set by the configurator
-};
+// Defined once, in C, in uapi/qvr_korva.h (the driver includes the same file);
+// here their layout is pinned: the same for 32-bit and 64-bit programs.
 static_assert(sizeof(qvr_korva_param_desc) == 16, "param descriptor is 16 bytes");
 static_assert(offsetof(qvr_korva_param_desc, id) == 0);
 static_assert(offsetof(qvr_korva_param_desc, size) == 4);
 static_assert(offsetof(qvr_korva_param_desc, offset) == 8);
 static_assert(offsetof(qvr_korva_param_desc, device) == 12);
 
-// Where one slot's tuning lies in the driver cache and how its payload divides.
-struct qvr_korva_cache_block {
-  uint32_t idx;            //  0: cache block index, 0..5
-  uint32_t bitmask;        //  4: slot's device bitmask (combo slot: 0x400000 added)
-  uint32_t kGlobalOffset;  //  8: idx * kCacheBlockSize, byte offset in the cache
-  uint32_t preCmd;         // 12: PARAM_ID_PREMIX
-  uint32_t preSize;        // 16: premix block size
-  uint32_t preOff;         // 20: payload offset of the premix fade area
-  uint32_t preFadeCmd;     // 24: 0, no premix fade
-  uint32_t preFadeSize;    // 28: fade area size
-  uint32_t postOff;        // 32: payload offset of the postmix block
-  uint32_t postCmd;        // 36: PARAM_ID_POSTMIX
-  uint32_t postSize;       // 40: postmix block size
-  uint32_t fadeOff;        // 44: payload offset of the postmix fade area
-  uint32_t postFadeCmd;    // 48: 0, no postmix fade
-  uint32_t postFadeSize;   // 52: fade area size
-};
 static_assert(sizeof(qvr_korva_cache_block) == 56, "cache block descriptor is 56 bytes");
+static_assert(offsetof(qvr_korva_cache_block, idx) == 0);
+static_assert(offsetof(qvr_korva_cache_block, bitmask) == 4);
 static_assert(offsetof(qvr_korva_cache_block, kGlobalOffset) == 8);
 static_assert(offsetof(qvr_korva_cache_block, preCmd) == 12);
+static_assert(offsetof(qvr_korva_cache_block, preSize) == 16);
+static_assert(offsetof(qvr_korva_cache_block, preOff) == 20);
 static_assert(offsetof(qvr_korva_cache_block, preFadeCmd) == 24);
+static_assert(offsetof(qvr_korva_cache_block, preFadeSize) == 28);
 static_assert(offsetof(qvr_korva_cache_block, postOff) == 32);
+static_assert(offsetof(qvr_korva_cache_block, postCmd) == 36);
+static_assert(offsetof(qvr_korva_cache_block, postSize) == 40);
 static_assert(offsetof(qvr_korva_cache_block, fadeOff) == 44);
+static_assert(offsetof(qvr_korva_cache_block, postFadeCmd) == 48);
 static_assert(offsetof(qvr_korva_cache_block, postFadeSize) == 52);
 
 // The parameter query buffer: descriptor, then the reply space the driver fills.
@@ -78,10 +66,10 @@ static_assert(sizeof(qvr_korva_upload) == 61680, "upload buffer is 61680 bytes")
 static_assert(offsetof(qvr_korva_upload, payload) == 16);
 
 // ---- DSP parameter identifiers and descriptor values ----------------------------
-constexpr uint32_t PARAM_ID_DSP_DESCRIPTION = 0x1001514C;  // 2048 bytes of text
-constexpr uint32_t PARAM_ID_DSP_VERSION = 0x1001514D;      // 20 bytes of text
-constexpr uint32_t PARAM_ID_PREMIX = 0x10015100;           // premix block; id of the upload
-constexpr uint32_t PARAM_ID_POSTMIX = 0x1001522C;          // postmix block
+constexpr uint32_t PARAM_ID_DSP_DESCRIPTION = QVR_KORVA_PARAM_DSP_DESCRIPTION;  // 2048 bytes of text
+constexpr uint32_t PARAM_ID_DSP_VERSION = QVR_KORVA_PARAM_DSP_VERSION;          // 20 bytes of text
+constexpr uint32_t PARAM_ID_PREMIX = QVR_KORVA_PARAM_PREMIX;                    // premix block; id of the upload
+constexpr uint32_t PARAM_ID_POSTMIX = QVR_KORVA_PARAM_POSTMIX;                  // postmix block
 
 constexpr int32_t kDspVersionSize = 20;
 constexpr int32_t kDspDescriptionSize = 2048;
@@ -94,18 +82,9 @@ constexpr uint32_t kComboSlotIndex = 4;              // the combo0 slot ...
 constexpr uint32_t kComboSlotBit = 0x400000;         // ... always carries this device bit
 
 // ---- Request codes --------------------------------------------------------------
-// Linux _IOC encoding, type 0xF2. The encoded size is that of the declared
-// argument type (an int or a pointer), not of the record behind the pointer,
-// so the four pointer requests differ between 32-bit and 64-bit builds: a
-// driver built for the same word size decodes them from the same macros.
-#define QVR_KORVA_IOCTL_TYPE 0xF2
-constexpr uint32_t QVR_KORVA_IOCTL_SET_CACHE_SIZE = _IOW(QVR_KORVA_IOCTL_TYPE, 1, int32_t);
-constexpr uint32_t QVR_KORVA_IOCTL_GET_PARAM = _IOR(QVR_KORVA_IOCTL_TYPE, 2, qvr_korva_param_desc*);
-constexpr uint32_t QVR_KORVA_IOCTL_SET_PARAM = _IOW(QVR_KORVA_IOCTL_TYPE, 3, qvr_korva_param_desc*);
-constexpr uint32_t QVR_KORVA_IOCTL_SET_CACHE_BLOCK = _IOW(QVR_KORVA_IOCTL_TYPE, 4, qvr_korva_cache_block*);
-constexpr uint32_t QVR_KORVA_IOCTL_SET_VOLUME_CONTROLS = _IOW(QVR_KORVA_IOCTL_TYPE, 9, uint32_t*);
-
-// The values each word size puts on the wire.
+// QVR_KORVA_IOCTL_* (uapi/qvr_korva.h): the size field is that of the declared
+// argument type (an int or a pointer), so the four pointer requests differ
+// between 32-bit and 64-bit builds. The values each word size puts on the wire:
 static_assert(sizeof(void*) == 8 || sizeof(void*) == 4, "a 32-bit or a 64-bit build");
 constexpr bool kQvrKorvaPointers64 = sizeof(void*) == 8;
 static_assert(QVR_KORVA_IOCTL_SET_CACHE_SIZE == 0x4004F201u);

@@ -14,6 +14,7 @@ packages=(
   clang libclang-rt-14-dev
   valgrind
   g++-aarch64-linux-gnu g++-arm-linux-gnueabihf qemu-user-static mmdebstrap
+  qemu-system-x86 qemu-system-arm busybox-static cpio linux-headers-amd64
   blueprint-tools
   libkissfft-dev libplplot-dev plplot-driver-cairo fonts-dejavu-core
   chromium libpng-dev

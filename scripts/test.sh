@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # Installs what is needed, builds, and runs the whole test suite: as is,
-# under AddressSanitizer + UndefinedBehaviorSanitizer, and on arm64 and armhf
-# under emulation.
+# under AddressSanitizer + UndefinedBehaviorSanitizer, on arm64 and armhf
+# under emulation, and against the reference driver in virtual machines.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 bash scripts/install-deps.sh
@@ -29,6 +29,13 @@ ASAN_OPTIONS=verify_asan_link_order=0:detect_leaks=1 \
 # check (scripts/cross-test.sh).
 for arch in arm64 armhf; do
   bash scripts/cross-test.sh "$arch"
+done
+
+# The configurator against the reference driver module in virtual machines:
+# Debian's x86-64 kernel with the host build, its arm64 kernel with the arm64
+# and armhf builds just made (scripts/kernel-test.sh).
+for arch in x86_64 arm64; do
+  bash scripts/kernel-test.sh "$arch"
 done
 
 # The fuzz targets (clang, their own build tree): every corpus input

@@ -8,6 +8,7 @@
 #include <filesystem>
 #include <string>
 #include <tuple>
+#include <utility>
 
 #include "configurator/korva_driver.h"
 #include "test_support.h"
@@ -69,9 +70,10 @@ Outcome SelectBlock(Driver& driver, uint32_t idx, uint32_t bitmask) {
   return ClientWith(qvr_make_cache_block(idx, bitmask)).Send(driver, QVR_KORVA_IOCTL_SET_CACHE_BLOCK);
 }
 
-// An upload descriptor claiming `size` bytes, followed by `present` bytes of `fill`.
-FakeClient Upload(int32_t size, size_t present, uint8_t fill, uint32_t device = 0x80000001) {
-  return ClientWith(qvr_korva_param_desc{PARAM_ID_PREMIX, size, 0, device}, present, fill);
+// An upload descriptor claiming `size` bytes at `offset` into the selected
+// block, followed by `present` bytes of `fill`.
+FakeClient Upload(int32_t size, size_t present, uint8_t fill, uint32_t device = 0x80000001, int32_t offset = 0) {
+  return ClientWith(qvr_korva_param_desc{PARAM_ID_PREMIX, size, offset, device}, present, fill);
 }
 
 bool IsOk(const Outcome& outcome) { return outcome.answer == 0 && outcome.error == 0; }
@@ -162,6 +164,10 @@ TEST(SimDriverTest, UploadLandsAtTheSelectedBlock) {
   EXPECT_TRUE(block.uploaded);
   EXPECT_EQ(block.device, 0x80000020u);
   EXPECT_EQ(block.uploadSize, 100);
+  // An offset places the data that far into the block.
+  FakeClient placed = Upload(10, 10, 0x6B, 0x80000020, static_cast<int32_t>(qvr::kCacheBlockSize) - 10);
+  ASSERT_TRUE(IsOk(placed.Send(driver, QVR_KORVA_IOCTL_SET_PARAM)));
+  EXPECT_TRUE(All(cache.begin() + base + qvr::kCacheBlockSize - 10, cache.begin() + base + qvr::kCacheBlockSize, 0x6B));
 }
 
 TEST(SimDriverTest, UploadSizeAndBlockAreNeverTrusted) {
@@ -173,14 +179,17 @@ TEST(SimDriverTest, UploadSizeAndBlockAreNeverTrusted) {
   EXPECT_EQ(early.Send(driver, QVR_KORVA_IOCTL_SET_PARAM).error, EINVAL);
 
   ASSERT_TRUE(IsOk(SelectBlock(driver, 5, 1))) << "the last block ends exactly at the cache's end";
-  // Reaching one byte past the end of the cache from the last block.
-  FakeClient pastEnd = Upload(static_cast<int32_t>(qvr::kCacheBlockSize) + 1, qvr::kCacheBlockSize + 1, 0x22);
-  EXPECT_EQ(pastEnd.Send(driver, QVR_KORVA_IOCTL_SET_PARAM).error, EINVAL);
-  // Absurd and negative sizes: only the descriptor is ever read.
-  for (const int32_t size : {INT32_MAX, -1}) {
-    FakeClient absurd = Upload(size, 8, 0x33);
-    EXPECT_EQ(absurd.Send(driver, QVR_KORVA_IOCTL_SET_PARAM).error, EINVAL) << size;
-    EXPECT_EQ(absurd.largestRequest, sizeof(qvr_korva_param_desc)) << size;
+  ASSERT_TRUE(IsOk(SelectBlock(driver, 0, 1)));
+  // Reaching one byte past the block, though not past the cache; absurd and
+  // negative sizes and offsets: refused on the descriptor alone, which is all
+  // that is read.
+  const int32_t block = static_cast<int32_t>(qvr::kCacheBlockSize);
+  const std::pair<int32_t, int32_t> refused[] = {{block + 1, 0}, {block, 1},  {1, block},        {INT32_MAX, 0},
+                                                  {-1, 0},        {8, -1},     {8, INT32_MAX}};
+  for (const auto& [size, offset] : refused) {
+    FakeClient bad = Upload(size, qvr::kCacheBlockSize + 1, 0x33, 0x80000001, offset);
+    EXPECT_EQ(bad.Send(driver, QVR_KORVA_IOCTL_SET_PARAM).error, EINVAL) << size << "@" << offset;
+    EXPECT_EQ(bad.largestRequest, sizeof(qvr_korva_param_desc)) << size << "@" << offset;
   }
   // A descriptor the client cannot even provide.
   FakeClient truncated;
@@ -188,10 +197,14 @@ TEST(SimDriverTest, UploadSizeAndBlockAreNeverTrusted) {
   EXPECT_EQ(truncated.Send(driver, QVR_KORVA_IOCTL_SET_PARAM).error, EFAULT);
 
   EXPECT_TRUE(All(driver.cache().begin(), driver.cache().end(), 0)) << "no refused upload reached the cache";
-  EXPECT_FALSE(driver.blocks().at(5).uploaded);
+  EXPECT_FALSE(driver.blocks().at(0).uploaded);
 
-  // A block must fit the cache, which must exist.
+  // A block must fit the cache, which must exist, and so must the blocks
+  // its index counts before it.
   EXPECT_EQ(SelectBlock(driver, 6, 1).error, EINVAL);
+  qvr_korva_cache_block pastLast = qvr_make_cache_block(0, 1);
+  pastLast.idx = 6;
+  EXPECT_EQ(ClientWith(pastLast).Send(driver, QVR_KORVA_IOCTL_SET_CACHE_BLOCK).error, EINVAL);
   EXPECT_EQ(SetCacheSize(driver, -1).error, EINVAL);
   Driver noCache(DriverConfig{});
   EXPECT_EQ(SelectBlock(noCache, 0, 1).error, EINVAL) << "no cache yet";

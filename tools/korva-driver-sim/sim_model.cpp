@@ -15,7 +15,7 @@ namespace korva_sim {
 namespace {
 
 // Largest reply the simulated driver writes into a query's reply space.
-constexpr size_t kMaxReply = 64 * 1024;
+constexpr size_t kMaxReply = QVR_KORVA_MAX_REPLY;
 constexpr size_t kDescSize = sizeof(qvr_korva_param_desc);
 
 constexpr const char* kUnknownRequest = "UNKNOWN";
@@ -204,8 +204,12 @@ Driver::Received Driver::Receive(const std::string& name, const ArgumentAccess& 
     if (in.bytes.empty()) {
       in.naturalError = EFAULT;
     } else {
+      // The block, and every block before it at the same extent, in the cache.
       const auto block = Load<qvr_korva_cache_block>(in.bytes);
-      if (uint64_t{block.kGlobalOffset} + BlockExtent(block) > cache_.size()) in.naturalError = EINVAL;
+      const uint64_t extent = BlockExtent(block);
+      if (uint64_t{block.kGlobalOffset} + extent > cache_.size() || (extent != 0 && block.idx >= cache_.size() / extent)) {
+        in.naturalError = EINVAL;
+      }
     }
   } else if (name == "SET_PARAM" || name == "GET_PARAM") {
     const std::vector<uint8_t> head = arg.peek(kDescSize);
@@ -230,18 +234,16 @@ Driver::Received Driver::Receive(const std::string& name, const ArgumentAccess& 
       in.reply = whole + kDescSize;
       return in;
     }
-    // An upload never reaches past the cache, wherever it is aimed.
-    if (desc.size < 0 || static_cast<uint64_t>(desc.size) > cache_.size()) {
+    // An upload goes into the selected block, at `offset` from its start, and
+    // never reaches past the block; its data is read only once that holds.
+    if (desc.size < 0 || desc.offset < 0 || !selected_ ||
+        uint64_t{static_cast<uint32_t>(desc.offset)} + static_cast<uint32_t>(desc.size) >
+            BlockExtent(blocks_.at(*selected_).desc)) {
       in.naturalError = EINVAL;
       return in;
     }
     in.bytes = Copy(arg.resolve(kDescSize + desc.size), kDescSize + desc.size);
-    if (in.bytes.empty()) {
-      in.naturalError = EFAULT;
-    } else if (!selected_ ||
-               uint64_t{blocks_.at(*selected_).desc.kGlobalOffset} + desc.size > cache_.size()) {
-      in.naturalError = EINVAL;
-    }
+    if (in.bytes.empty()) in.naturalError = EFAULT;
   } else {
     in.naturalError = ENOTTY;
   }
@@ -263,7 +265,7 @@ void Driver::Apply(const std::string& name, const Received& in) {
     const auto desc = Load<qvr_korva_param_desc>(in.bytes);
     BlockState& block = blocks_.at(*selected_);
     std::copy(in.bytes.begin() + kDescSize, in.bytes.end(),
-              cache_.begin() + block.desc.kGlobalOffset);
+              cache_.begin() + block.desc.kGlobalOffset + desc.offset);
     block.uploaded = true;
     block.device = desc.device;
     block.uploadSize = desc.size;

@@ -19,7 +19,7 @@
 namespace korva_sim {
 
 // Upper bound of the cache the simulated driver agrees to hold.
-constexpr int64_t kMaxCacheSize = 64 * 1024 * 1024;
+constexpr int64_t kMaxCacheSize = QVR_KORVA_MAX_CACHE_SIZE;
 
 // End of the furthest area a cache block descriptor lays out, relative to its block.
 inline uint64_t BlockExtent(const qvr_korva_cache_block& block) {
