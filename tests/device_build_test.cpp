@@ -1,6 +1,8 @@
-// The device build as the platform reads it, checked against this tree's
-// own sources: what the Android.bp files install into /vendor/etc/qvr, and
-// that the SELinux policy names the driver's nodes and requests.
+// The device build as the platform reads it, against this tree's sources:
+// what the Android.bp files install into /vendor/etc/qvr (the example set:
+// configurator.cfg and the six distinct files it names, each slot with
+// devices; what they upload is pinned by the golden fixtures), and that the
+// SELinux policy names the driver's nodes and requests.
 #include <gtest/gtest.h>
 
 #include <filesystem>
@@ -17,17 +19,11 @@
 
 namespace {
 
-// A Blueprint value: a string (or bool, number, variable name) as text, a
-// list as its elements, a map as its properties.
-struct BpValue {
-  std::string text;
-  std::vector<BpValue> items;
-  std::map<std::string, BpValue> props;
-};
-
+// A module of an Android.bp: its type and top-level properties as text (a
+// string, bool or name; a list as its first element; a map as nothing).
 struct BpModule {
   std::string type;
-  BpValue body;
+  std::map<std::string, std::string> props;
 };
 
 // Enough of Blueprint's grammar for a tree's Android.bp files: comments,
@@ -41,20 +37,19 @@ class BpParser {
     }
   }
 
-  // The modules, or nothing (with a test failure) when the text is not read to its end.
-  std::vector<BpModule> Modules() {
-    std::vector<BpModule> modules;
+  // Adds the modules to `modules`; a test failure when the text is not read to its end.
+  void Modules(std::vector<BpModule>& modules) {
     while (ok_ && at_ < tokens_.size()) {
-      const std::string name = Next();
-      if (Next() == "{") {
-        modules.push_back({name, Map()});
+      BpModule module{Next(), {}};
+      const std::string next = Next();
+      if (next == "{") {
+        Map(&modules.emplace_back(std::move(module)).props);
       } else {  // name = value, name += value
-        if (tokens_[at_ - 1] == "+") Expect("=");
+        if (next == "+") Expect("=");
         Value();
       }
     }
     EXPECT_TRUE(ok_) << "unreadable Blueprint near token " << at_;
-    return ok_ ? modules : std::vector<BpModule>{};
   }
 
  private:
@@ -62,46 +57,32 @@ class BpParser {
     ok_ = ok_ && at_ < tokens_.size();
     return ok_ ? tokens_[at_++] : "";
   }
+  bool Peek(const char* token) const { return ok_ && at_ < tokens_.size() && tokens_[at_] == token; }
   void Expect(const char* token) { ok_ = ok_ && Next() == token; }
 
-  BpValue Map() {  // after "{"
-    BpValue map;
+  void Map(std::map<std::string, std::string>* props) {  // after "{"
     for (std::string key = Next(); ok_ && key != "}"; key = Next()) {
       if (key == ",") continue;
       Expect(":");
-      map.props[key] = Value();
+      const std::string value = Value();
+      if (props != nullptr) (*props)[key] = value;
     }
-    return map;
   }
 
-  BpValue Value() {  // term ("+" term)*
-    BpValue value = Term();
-    while (ok_ && at_ < tokens_.size() && tokens_[at_] == "+") {
-      ++at_;
-      BpValue more = Term();
-      value.text += more.text;
-      value.items.insert(value.items.end(), more.items.begin(), more.items.end());
-    }
+  std::string Value() {  // term ("+" term)*
+    std::string value = Term();
+    while (Peek("+")) value += (++at_, Term());
     return value;
   }
 
-  BpValue Term() {
+  std::string Term() {
     const std::string token = Next();
-    if (token == "{") return Map();
-    BpValue value;
-    if (token != "[") {
-      value.text = token[0] == '"' ? token.substr(1, token.size() - 2) : token;
-      return value;
-    }
-    while (ok_ && at_ < tokens_.size() && tokens_[at_] != "]") {
-      if (tokens_[at_] == ",") {
-        ++at_;
-      } else {
-        value.items.push_back(Value());
-      }
-    }
+    if (token == "{") return Map(nullptr), "";
+    if (token != "[") return token[0] == '"' ? token.substr(1, token.size() - 2) : token;
+    std::vector<std::string> items;
+    while (ok_ && !Peek("]")) Peek(",") ? void(++at_) : items.push_back(Value());
     Expect("]");
-    return value;
+    return items.empty() ? "" : items[0];
   }
 
   std::vector<std::string> tokens_;
@@ -112,24 +93,20 @@ class BpParser {
 // Every module of every Android.bp under the source tree (build trees skipped).
 std::vector<BpModule> TreeModules() {
   std::vector<BpModule> modules;
-  namespace fs = std::filesystem;
-  for (auto it = fs::recursive_directory_iterator(QVR_SOURCE_DIR); it != fs::recursive_directory_iterator(); ++it) {
+  using Walk = std::filesystem::recursive_directory_iterator;
+  for (auto it = Walk(QVR_SOURCE_DIR); it != Walk(); ++it) {
     const std::string name = it->path().filename().string();
     if (it->is_directory() && (name.rfind("build", 0) == 0 || name[0] == '.')) {
       it.disable_recursion_pending();
     } else if (it->path().extension() == ".bp") {
       SCOPED_TRACE(it->path().string());
-      std::vector<BpModule> found = BpParser(qvr_test::ReadFile(it->path().string())).Modules();
-      modules.insert(modules.end(), found.begin(), found.end());
+      BpParser(qvr_test::ReadFile(it->path().string())).Modules(modules);
     }
   }
   return modules;
 }
 
-std::string Prop(const BpModule& module, const char* name) {
-  const auto it = module.body.props.find(name);
-  return it == module.body.props.end() ? "" : it->second.text;
-}
+std::string Prop(const BpModule& m, const char* name) { return m.props.count(name) != 0 ? m.props.at(name) : ""; }
 
 // The name prebuilt_etc installs `module` under: `filename`, else the source's
 // own name with `filename_from_src` (a genrule's first output for ":module"),
@@ -138,13 +115,8 @@ std::string InstalledName(const BpModule& module, const std::vector<BpModule>& a
   if (!Prop(module, "filename").empty()) return Prop(module, "filename");
   if (Prop(module, "filename_from_src") != "true") return Prop(module, "name");
   std::string src = Prop(module, "src");
-  if (src.rfind(":", 0) == 0) {
-    for (const BpModule& other : all) {
-      const auto out = other.body.props.find("out");
-      if (Prop(other, "name") == src.substr(1) && out != other.body.props.end() && !out->second.items.empty()) {
-        src = out->second.items[0].text;
-      }
-    }
+  for (const BpModule& other : all) {
+    if (":" + Prop(other, "name") == src) src = Prop(other, "out");
   }
   return std::filesystem::path(src).filename().string();
 }
@@ -154,9 +126,13 @@ TEST(DeviceBuild, InstallsConfigurationAndTheFilesItNamesUnderTheirOwnNames) {
   ASSERT_EQ(qvr::ReadConfiguratorConfig(QVR_SOURCE_DIR "/examples/configurator.cfg", config, nullptr),
             qvr::ConfigRead::kOk);
   std::set<std::string> files = {qvr::kConfigFileName};
-  for (const qvr::ConfigSlot& slot : qvr::kConfigSlots) files.insert((config.*slot.get)().filename());
+  for (const qvr::ConfigSlot& slot : qvr::kConfigSlots) {
+    files.insert((config.*slot.get)().filename());
+    EXPECT_NE((config.*slot.get)().device_bitmask(), 0u) << slot.name;
+  }
 
-  // configurator.cfg and the files it names, each once, under its own name.
+  // configurator.cfg and the files it names, each once, under its own name
+  // (two slots naming one file would leave one module over).
   const std::vector<BpModule> modules = TreeModules();
   std::multiset<std::string> installed;
   for (const BpModule& module : modules) {
@@ -170,41 +146,28 @@ TEST(DeviceBuild, InstallsConfigurationAndTheFilesItNamesUnderTheirOwnNames) {
 // The policy's node labels and ioctl list against the driver header: a node
 // or request added on one side only would be denied on the device.
 TEST(DeviceBuild, PolicyNamesTheDriversNodesAndRequests) {
-  const std::string policy = qvr_test::ReadFile(QVR_SOURCE_DIR "/android/sepolicy/qvr_configurator.te");
-  std::smatch list;
-  ASSERT_TRUE(std::regex_search(policy, list, std::regex(R"(allowxperm[^;]*ioctl\s*\{([^}]*)\})")));
-  std::set<unsigned long> allowed;
-  const std::string numbers = list[1];
-  const std::regex hex("0x[0-9A-Fa-f]+");
-  for (std::sregex_iterator it(numbers.begin(), numbers.end(), hex), end; it != end; ++it) {
-    allowed.insert(std::stoul(it->str(), nullptr, 16));
-  }
-  std::set<unsigned long> requests;
+  const auto matches = [](const char* file, const char* pattern) {  // first groups, in android/`file`
+    const std::string text = qvr_test::ReadFile(std::string(QVR_SOURCE_DIR "/android/") + file);
+    std::set<std::string> found;
+    const std::regex re(pattern);
+    for (std::sregex_iterator it(text.begin(), text.end(), re), end; it != end; ++it) found.insert((*it)[1]);
+    return found;
+  };
+  std::set<std::string> requests;
   for (const QvrKorvaRequest& request : kQvrKorvaRequests) {
-    requests.insert(_IOC_TYPE(request.code) << 8 | _IOC_NR(request.code));
+    requests.insert(qvr_test::Format("0x%X", _IOC_TYPE(request.code) << 8 | _IOC_NR(request.code)));
   }
-  EXPECT_EQ(allowed, requests);
+  EXPECT_EQ(matches("sepolicy/qvr_configurator.te", R"([\s{](0x[0-9A-F]{4})\b)"), requests);
 
   // file_contexts: the two nodes carry the driver's type; the executable's
   // line matches the path init starts, under /vendor and /system/vendor.
-  std::set<std::string> nodes;
-  std::string exec;
-  std::istringstream contexts(qvr_test::ReadFile(QVR_SOURCE_DIR "/android/sepolicy/file_contexts"));
-  for (std::string path, label; contexts >> path >> label;) {
-    if (path[0] == '#') {
-      std::getline(contexts, path);
-      continue;
-    }
-    if (label == "u:object_r:qvr_korva_device:s0") nodes.insert(path);
-    if (label == "u:object_r:qvr_configurator_exec:s0") exec = path;
-  }
-  EXPECT_EQ(nodes, (std::set<std::string>{kQvrKorvaHardwareNode, kQvrKorvaSoftwareNode}));
-  std::smatch service;
-  const std::string rc = qvr_test::ReadFile(QVR_SOURCE_DIR "/android/qvr_configurator.rc");
-  ASSERT_TRUE(std::regex_search(rc, service, std::regex(R"(\nservice qvr_configurator (\S+))")));
-  EXPECT_EQ(service[1], "/vendor/bin/qvr_configurator");
-  for (const std::string& path : {std::string(service[1]), "/system" + std::string(service[1])}) {
-    EXPECT_TRUE(std::regex_match(path, std::regex(exec, std::regex::extended))) << path << " against " << exec;
+  EXPECT_EQ(matches("sepolicy/file_contexts", R"(\n(/\S+)\s+u:object_r:qvr_korva_device:s0)"),
+            (std::set<std::string>{kQvrKorvaHardwareNode, kQvrKorvaSoftwareNode}));
+  const std::set<std::string> exec = matches("sepolicy/file_contexts", R"(\n(/\S+)\s+u:object_r:qvr_configurator_exec:)");
+  const std::set<std::string> service = matches("qvr_configurator.rc", R"(\nservice qvr_configurator (\S+))");
+  ASSERT_TRUE(exec.size() == 1u && service == std::set<std::string>{"/vendor/bin/qvr_configurator"});
+  for (const std::string& path : {*service.begin(), "/system" + *service.begin()}) {
+    EXPECT_TRUE(std::regex_match(path, std::regex(*exec.begin(), std::regex::extended))) << path;
   }
 }
 
