@@ -172,15 +172,17 @@ void InProcessSummary() {
     if (g_totals[name].runs == 0) return;
   }
   std::printf("\nwhole run with the driver in the configurator's process, against the unavoidable work\n");
-  for (const auto& [set, configurator, bare] : {std::make_tuple("six maximum-size files", "inproc", "bare-run"),
-                                                std::make_tuple("six minimal files", "inproc-min", "bare-run-min")}) {
+  // On maximum-size files the configurator costs no more than parsing alone.
+  for (const auto& [set, configurator, bare, goal] :
+       {std::make_tuple("six maximum-size files", "inproc", "bare-run", 1.00),
+        std::make_tuple("six minimal files", "inproc-min", "bare-run-min", 1.05)}) {
     Totals& c = g_totals[configurator];
     Totals& b = g_totals[bare];
     const double ratio = MedianCpuMs(c) / MedianCpuMs(b);
     const long extraKb = c.maxRssKb - b.maxRssKb;
-    std::printf("  %s: configurator cpu median %.2f ms, bare run %.2f ms, ratio %.3f (goal <= 1.05: %s); "
-                "peak rss %ld kB vs %ld kB, +%ld kB (goal <= +512 kB: %s)\n",
-                set, MedianCpuMs(c), MedianCpuMs(b), ratio, ratio <= 1.05 ? "met" : "MISSED", c.maxRssKb,
+    std::printf("  %s: configurator cpu median %.2f ms, bare run %.2f ms, ratio %.3f (goal <= %.2f: %s); "
+                "peak rss %ld kB vs %ld kB, %+ld kB (goal <= +512 kB: %s)\n",
+                set, MedianCpuMs(c), MedianCpuMs(b), ratio, goal, ratio <= goal ? "met" : "MISSED", c.maxRssKb,
                 b.maxRssKb, extraKb, extraKb <= 512 ? "met" : "MISSED");
   }
 }

@@ -91,9 +91,10 @@ void PlaceBlocks(const TuningReading& reading, uint8_t* outData) {
 
 namespace {
 
-// Steps 1 to 5; `inPlace`: both blocks converted straight into `outData`.
-int32_t Read(const char* filename, uint8_t* outData, TuningReading& reading, const LogSink& log,
-             qvrcs::TraceObserver* trace, bool inPlace) {
+// Steps 1 to 5, the file parsed into `message`; `inPlace`: both blocks
+// converted straight into `outData`.
+int32_t Read(const char* filename, uint8_t* outData, TuningReading& reading, Qvrcs& message,
+             const LogSink& log, qvrcs::TraceObserver* trace, bool inPlace) {
   if (filename == nullptr || outData == nullptr) {
     reading.stage = ReaderStage::kNullArgument;
     Log(log, kLogNullArgument);
@@ -109,12 +110,12 @@ int32_t Read(const char* filename, uint8_t* outData, TuningReading& reading, con
 
   // A file that does not parse is deliberately not reported: the caller
   // uploads the payload as it stands.
-  if (!reading.message.ParseFromIstream(&file)) {
+  if (!message.ParseFromIstream(&file)) {
     reading.stage = ReaderStage::kUnparsable;
     return kReaderOk;
   }
 
-  reading.selection = SelectSettings(reading.message);
+  reading.selection = SelectSettings(message);
   if (reading.selection.settings == nullptr) {
     reading.stage = ReaderStage::kNoSelection;
     Log(log, kLogEmptySelection, filename, reading.selection.missing);
@@ -142,12 +143,13 @@ int32_t Read(const char* filename, uint8_t* outData, TuningReading& reading, con
 
 int32_t ReadTuningFile(const char* filename, uint8_t* outData, TuningReading& reading, const LogSink& log,
                        qvrcs::TraceObserver* trace) {
-  return Read(filename, outData, reading, log, trace, false);
+  return Read(filename, outData, reading, reading.message, log, trace, false);
 }
 
 int32_t ReadTuningFileInPlace(const char* filename, uint8_t* outData, TuningReading& reading,
-                              const LogSink& log) {
-  return Read(filename, outData, reading, log, nullptr, true);
+                              const LogSink& log, Qvrcs* message) {
+  Qvrcs& into = message != nullptr ? *message : reading.message;
+  return Read(filename, outData, reading, into, log, nullptr, true);
 }
 
 }  // namespace qvr

@@ -106,8 +106,11 @@ int32_t ReadTuningFile(const char* filename, uint8_t* outData, TuningReading& re
 // are converted straight into their places in `outData` rather than into the
 // reading and then copied, so each is written once. After a failed conversion
 // (result kReaderFailed, stage kConverted) `outData` holds partly converted
-// blocks: for a caller that then discards it.
+// blocks: for a caller that then discards it. With a `message` of the
+// caller's, the file is parsed into it rather than into reading.message (the
+// selection then points into it). The parse clears it first; what it held
+// before does not matter.
 int32_t ReadTuningFileInPlace(const char* filename, uint8_t* outData, TuningReading& reading,
-                              const LogSink& log);
+                              const LogSink& log, com::qvr::pb::wbn::Qvrcs* message = nullptr);
 
 }  // namespace qvr
