@@ -21,7 +21,7 @@ namespace qvrcs_tool {
 // How a checked input travels from a worker to the parent (CBOR keeps every
 // byte of the strings, UTF-8 or not).
 NLOHMANN_DEFINE_TYPE_NON_INTRUSIVE(SlotReport, slot, index, filename, path, deviceBitmask, readerStatus, parsed,
-                                   premixStatus, postmixStatus, loaded, meaning, culprit, log)
+                                   premixStatus, postmixStatus, outcome, meaning, culprit, log)
 NLOHMANN_DEFINE_TYPE_NON_INTRUSIVE(CheckWarning, slot, file, code, message, note)
 NLOHMANN_DEFINE_TYPE_NON_INTRUSIVE(CheckReport, searchPath, storedPath, configPath, configOk, configErrors, slots,
                                    warnings)

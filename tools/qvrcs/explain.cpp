@@ -82,7 +82,7 @@ std::string Holds(const std::vector<uint8_t>& p, const qvrcs::SectionInfo& s, si
              ", rate " + std::to_string(Word(p, at + qvrcs::kRoomSampleRate)) +
              ", reverbGain " + std::to_string(Word(p, at + qvrcs::kRoomReverbGain)) +
              ", reverbCut " + std::to_string(Word(p, at + qvrcs::kRoomReverbCut)) +
-             ", coefficients " + Values(p, at + qvrcs::kRoomCoefs, 16, (s.size - qvrcs::kRoomCoefs) / 2) +
+             ", coefficients " + Values(p, at + qvrcs::kRoomCoefs, 16, qvrcs::RoomValuesHeld(s.size)) +
              ", non-zero up to byte " + std::to_string(UsedUpTo(p, at, s.size, at - s.offset));
     case K::kHeadphoneEq:
       return "uuid " + Hex(p, at + qvrcs::kHpeqUuid, 16) +
@@ -122,10 +122,8 @@ Stores StoresOf(const Conversion* conversion, qvrcs::TraceBlock block) {
     } else if (e.kind == qvrcs::TraceKind::kRewritten) {
       stores.notes[e.offset] =
           "the file gives " + std::to_string(e.value) + ", stored as " + std::to_string(e.stored);
-    } else if (e.kind == qvrcs::TraceKind::kStopped) {
-      for (size_t i = 1; i <= e.count; ++i) {
-        stores.notes[e.offset + 4 * i] = "not written: an earlier ref_htest entry is negative";
-      }
+    } else if (e.kind == qvrcs::TraceKind::kUnwritten) {
+      stores.notes[e.offset] = "not written: an earlier ref_htest entry is negative";
     }
   }
   return stores;
