@@ -210,7 +210,16 @@ size_t CheckReport::Warnings() const {
   return count;
 }
 
-CheckReport CheckFile(const std::string& path, const std::string& shown) {
+bool ConfigFileFolder(const std::string& path, std::string& folder) {
+  const size_t slash = path.rfind('/');
+  if (path.substr(slash + 1) != qvr::kConfigFileName) return false;
+  struct stat info {};
+  if (stat(path.c_str(), &info) == 0 && S_ISDIR(info.st_mode)) return false;
+  folder = slash == std::string::npos ? "." : slash == 0 ? "/" : path.substr(0, slash);
+  return true;
+}
+
+CheckReport CheckFile(const std::string& path, const std::string& shown, const std::string& textError) {
   CheckReport report;
   report.searchPath = shown;
   report.configOk = true;
@@ -219,6 +228,7 @@ CheckReport CheckFile(const std::string& path, const std::string& shown) {
   slot.filename = shown.substr(shown.rfind('/') + 1);
   slot.path = path;
   CheckSlot(slot, report);
+  if (slot.outcome == SlotOutcome::kBlank && !textError.empty()) report.warnings.back().message += "\n  " + textError;
   report.slots.push_back(slot);
   return report;
 }

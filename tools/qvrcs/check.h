@@ -69,9 +69,14 @@ constexpr const char* kDevicePath = "/vendor/etc/qvr";
 // search path the configurator will be given on the device.
 CheckReport Check(const std::string& dir, const std::string& devicePath = kDevicePath);
 
+// Whether `path` names a configuration file (its name is configurator.cfg):
+// then `folder` is the search path that holds it, to be checked as a set.
+bool ConfigFileFolder(const std::string& path, std::string& folder);
+
 // One tuning file (binary, as the reader takes it) checked as a slot would
 // be, without a configuration file; the slot is named "-", the report's
-// search path `shown`.
-CheckReport CheckFile(const std::string& path, const std::string& shown);
+// search path `shown`. `textError`: why the file, plausibly text, did not
+// parse as text either; said under the slot's blank outcome.
+CheckReport CheckFile(const std::string& path, const std::string& shown, const std::string& textError = {});
 
 }  // namespace qvrcs_tool

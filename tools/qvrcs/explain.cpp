@@ -1,5 +1,6 @@
 #include "tools/qvrcs/explain.h"
 
+#include <algorithm>
 #include <cstdio>
 #include <cstring>
 #include <map>
@@ -256,6 +257,18 @@ View BuildView(Input& input, std::unique_ptr<Conversion>* handBack) {
   }
   if (handBack != nullptr) *handBack = std::move(conversion);
   return view;
+}
+
+std::vector<Warning> WarningsOnlyIn(const View& x, const View& y) {
+  std::vector<Warning> only;
+  if (x.isPayload || y.isPayload) return only;
+  for (const Warning& w : x.warnings) {
+    const bool shared = std::any_of(y.warnings.begin(), y.warnings.end(), [&](const Warning& other) {
+      return other.code == w.code && other.message == w.message;
+    });
+    if (!shared) only.push_back(w);
+  }
+  return only;
 }
 
 RowDifference CompareRow(const View& a, const View& b, const Row& row) {

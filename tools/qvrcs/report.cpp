@@ -103,7 +103,9 @@ std::string UniqueIds(std::string svg, const std::string& prefix) {
 std::string FileSection(const std::string& path, int& figure) {
   LoadedInput loaded;
   std::string error;
-  if (!LoadInput(path, LoadOptions{}, std::cin, loaded, error)) {
+  LoadOptions options;
+  options.format = Format::kBinary;  // named by configurator.cfg: read as the device reads it
+  if (!LoadInput(path, options, std::cin, loaded, error)) {
     return "<p class=\"fails\">" + EscapeHtml(error) + "</p>\n";
   }
   std::string html;
