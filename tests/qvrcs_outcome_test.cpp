@@ -72,9 +72,9 @@ const SlotKind kKinds[] = {
     {"good.bin", [](const std::string& d) { WriteFile(d + "/good.bin", Good().SerializeAsString()); },
      SlotOutcome::kLoaded},
     {"missing.bin", [](const std::string&) {}, SlotOutcome::kFails},
+    {"empty.bin", [](const std::string& d) { WriteFile(d + "/empty.bin", ""); }, SlotOutcome::kFails},
     {"folder.bin", [](const std::string& d) { fs::create_directory(d + "/folder.bin"); }, SlotOutcome::kBlank},
     {"", [](const std::string&) {}, SlotOutcome::kBlank},  // names the search path itself
-    {"comma.bin", [](const std::string& d) { WriteFile(d + "/comma.bin", ","); }, SlotOutcome::kBlank},
     {"bad.bin",
      [](const std::string& d) {
        Qvrcs bad = Good();
