@@ -149,9 +149,7 @@ void DescribeRoom(const TraceEvent& e, LocatorOutcome& o) {
       std::string past = "zeros past them";
       if (expected > held) {
         past = "zeros up to the section's end (byte " + std::to_string(slot.end()) + "), then the following sections";
-        for (const qvrcs::SectionInfo& s : qvrcs::kPostmixSections) {
-          if (s.offset == slot.end()) past += " (" + std::string(s.name) + ", ...)";
-        }
+        if (const qvrcs::SectionInfo* next = qvrcs::SectionAt(slot.end())) past += " (" + std::string(next->name) + ", ...)";
       }
       o.problems.emplace_back("room-header", head + std::to_string(e.table.count) +
                                                  " values, fewer than numPairs x 2 x brirLength = " +

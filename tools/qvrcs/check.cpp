@@ -16,6 +16,7 @@
 #include "configurator/settings.h"
 #include "qvrcs/qvrcs.h"
 #include "tools/qvrcs/analysis.h"
+#include "tools/qvrcs/inputs.h"
 #include "tools/qvrcs/io.h"
 #include "tools/qvrcs/tuning.h"
 
@@ -111,13 +112,13 @@ bool HeldBack(SlotReport& slot) {
 // Why the reader read nothing it could parse from `path`.
 std::string Unparsable(const SlotReport& slot) {
   struct stat info {};
-  const std::string blank = "the configurator uploads an all-zero payload and logs no error";
+  const std::string unparsable = std::string(kUnparsableTuning) + " and logs no error";
   if (stat(slot.path.c_str(), &info) == 0 && S_ISDIR(info.st_mode)) {
-    return (slot.filename.empty() ? "filename \"\" names the search path itself, a directory"
-                                  : std::string("is a directory")) +
-           ": reading it fails, " + blank;
+    return (slot.filename.empty() ? "filename \"\" names the search path itself, a directory, which "
+                                  : std::string("is a directory, which ")) +
+           unparsable;
   }
-  return "does not parse as a tuning file: " + blank;
+  return unparsable;
 }
 
 void CheckSlot(SlotReport& slot, CheckReport& report) {
