@@ -101,6 +101,7 @@ int32_t QVRCS_ConvertAeqCoef(const ConversionContext& context, const Postmix& po
                              TraceObserver* trace) {
   // The first locator that loads wins; failures only move on to the next.
   int32_t status = QVRCS_NOTHING_TO_LOAD;
+  int chosen = -1;
   const auto& locators = postmix.aeqcoef();
   for (int i = 0; i < locators.size(); ++i) {
     const std::string& uuid = locators.Get(i).uuid();
@@ -114,9 +115,12 @@ int32_t QVRCS_ConvertAeqCoef(const ConversionContext& context, const Postmix& po
       continue;
     }
     status = QVRCS_LoadAeq(uuid, models, block.At(kAeqRecord), context.sampleRate, stamp.Get());
-    if (status == QVRCS_OK) break;
+    if (status == QVRCS_OK) {
+      chosen = i;
+      break;
+    }
   }
-  TraceStatus(trace, SectionId::kAeq, status);
+  TraceStatus(trace, SectionId::kAeq, status, chosen);
   return status;
 }
 

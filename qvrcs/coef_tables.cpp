@@ -57,6 +57,7 @@ void NoteWraps(const CoefValues& values, TraceEvent& event) {
     if (event.wrappedCount++ == 0) {
       event.firstWrapped = i;
       event.firstWrappedValue = value;
+      event.firstWrappedStored = CoefStored16(value);
     }
   }
 }

@@ -107,7 +107,10 @@ inline void TraceField(TraceObserver* trace, const BlockView& section, size_t of
   event.offset = section.base + offset;
   event.width = static_cast<uint8_t>(width);
   event.value = value;
-  event.wrapped = width == Width::k16 && FieldWraps16(value);
+  // What the block holds now, read back.
+  event.stored = width == Width::k16 ? LoadI16(section.block, section.blockSize, event.offset)
+                                     : LoadI32(section.block, section.blockSize, event.offset);
+  event.wrapped = event.stored != value;
   trace->OnEvent(event);
 }
 
@@ -164,6 +167,13 @@ bool CopyRepeated(const Msg& message, const RepeatedCopyEntry<Msg>& entry, Block
         event.value = value;
         event.count = stored - i - 1;
         trace->OnEvent(event);
+        for (size_t later = i + 1; later < stored; ++later) {
+          TraceEvent unwritten;
+          unwritten.kind = TraceKind::kUnwritten;
+          unwritten.block = event.block;
+          unwritten.offset = section.base + SlotOffset(entry, later);
+          trace->OnEvent(unwritten);
+        }
       }
       return false;
     }

@@ -28,13 +28,15 @@ int32_t LoadRooms(const LocatorList& locators, const ListeningModelList& models,
                   SectionId id, uint32_t sampleRate, TraceObserver* trace) {
   const SectionInfo& slot = Section(id);
   int32_t status = QVRCS_OK;
+  int chosen = -1;
   for (int i = 0; i < locators.size(); ++i) {
     LocatorStamp stamp(trace, id, i);
     status = QVRCS_LoadRoom(locators.Get(i).uuid(), models, block.At(slot.offset), slot.size, sampleRate,
                             stamp.Get());
     if (status < 0) break;
+    if (status == QVRCS_OK) chosen = i;
   }
-  TraceStatus(trace, id, status);
+  TraceStatus(trace, id, status, chosen);
   return status;
 }
 
@@ -44,12 +46,14 @@ int32_t LoadHeadphoneEqs(const LocatorList& locators, const ListeningModelList& 
                          BlockView block, uint32_t sampleRate, TraceObserver* trace) {
   const SectionInfo& slot = Section(SectionId::kHeadphoneEq);
   int32_t status = QVRCS_OK;
+  int chosen = -1;
   for (int i = 0; i < locators.size(); ++i) {
     LocatorStamp stamp(trace, SectionId::kHeadphoneEq, i);
     status = QVRCS_LoadHeadphoneEq(locators.Get(i).uuid(), models, block.At(slot.offset), slot.size,
                                    sampleRate, stamp.Get());
+    if (status == QVRCS_OK) chosen = i;
   }
-  TraceStatus(trace, SectionId::kHeadphoneEq, status);
+  TraceStatus(trace, SectionId::kHeadphoneEq, status, chosen);
   return status;
 }
 

@@ -19,6 +19,8 @@ constexpr size_t kRoomSampleRate = 28;
 constexpr size_t kRoomReverbGain = 32;
 constexpr size_t kRoomReverbCut = 36;
 constexpr size_t kRoomCoefs = 40;  // coeff_16 values as u16, as many as the table holds
+// The coefficients a room slot of `capacity` bytes holds after its header.
+constexpr size_t RoomValuesHeld(size_t capacity) { return capacity > kRoomCoefs ? (capacity - kRoomCoefs) / 2 : 0; }
 
 // ---- Headphone equaliser record (540-byte slot) ------------------------------
 // The table is read as c0, c1 and then two equal halves, one per channel.

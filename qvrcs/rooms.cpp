@@ -54,7 +54,7 @@ int32_t LoadRoom(const roomModel* room, BlockView slot, size_t capacity, uint32_
   const size_t count = static_cast<size_t>(table->coeff_16_size());
   event.end = slot.base + kRoomCoefs + 2 * count;
   if (trace != nullptr) NoteWraps(table->coeff_16(), event);
-  if (kRoomCoefs > capacity || count > (capacity - kRoomCoefs) / 2) {
+  if (kRoomCoefs > capacity || count > RoomValuesHeld(capacity)) {
     return QVRCS_ERR_RECORD_TOO_LARGE;
   }
 

@@ -54,6 +54,9 @@ struct SectionInfo {
   size_t size;         // bytes
   unsigned width;      // bits per stored value (coefficients: 16 or 32)
   SectionKind kind;
+  // The settings field that switches on the filter these coefficients feed
+  // ("" when none does): a filter enabled with no coefficient is suspect.
+  const char* enable = "";
 
   constexpr size_t end() const { return offset + size; }
   // Values of `width` bits the section holds.
@@ -74,12 +77,12 @@ inline constexpr SectionInfo kPostmixSections[] = {
     {SectionId::kHighPassOrder, "hpf.order", "postmix.hpf_coef.order", kHpfOrder, kHpfCoefs - kHpfOrder, 32,
      SectionKind::kWord},
     {SectionId::kHighPassCoefs, "hpf.coefs", "postmix.hpf_coef.coeffs", kHpfCoefs, 4 * kHpfMaxCoefs, 32,
-     SectionKind::kCoefficients},
+     SectionKind::kCoefficients, "postmix.hpf_enable"},
     {SectionId::kAeq, "aeq", "postmix.aeqCoef", kAeqRecord, kAeqRecordSize, 32, SectionKind::kAeq},
     {SectionId::kVelmoHighPassOrder, "velmo_hpf.order", "postmix.velmo_hpf_coef.order", kVelmoHpfOrder,
      kVelmoHpfCoefs - kVelmoHpfOrder, 32, SectionKind::kWord},
     {SectionId::kVelmoHighPassCoefs, "velmo_hpf.coefs", "postmix.velmo_hpf_coef.hpf_coeffs", kVelmoHpfCoefs,
-     2 * kVelmoHpfMaxCoefs, 16, SectionKind::kCoefficients},
+     2 * kVelmoHpfMaxCoefs, 16, SectionKind::kCoefficients, "postmix.velmo.hpf_enable"},
     {SectionId::kVelmoCrossoverOrder, "velmo_xover.order", "postmix.velmo_xover_coef.order", kVelmoXoverOrder,
      kVelmoXoverLpfCoefs - kVelmoXoverOrder, 32, SectionKind::kWord},
     {SectionId::kVelmoCrossoverLowPass, "velmo_xover.lpf_coefs", "postmix.velmo_xover_coef.lpf_coeffs",

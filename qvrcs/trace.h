@@ -30,12 +30,14 @@ enum class TraceBlock : uint8_t { kPremix, kPostmix };
 
 enum class TraceKind : uint8_t {
   // A settings value stored at `offset` (`width` bits): `value` as the file
-  // gives it, `wrapped` when a 16-bit store does not keep it as it is.
+  // gives it, `stored` as the block holds it, `wrapped` when the two differ.
   kField,
   // A ref_htest element: the value at `offset` (already stored) is negative;
   // the section stops there and `count` later elements of the file are not
-  // written.
+  // written (each reported as kUnwritten).
   kStopped,
+  // The slot at `offset` of a repeated field that a stop left unwritten.
+  kUnwritten,
   // The word at `offset` held `value` and now holds `stored` (the one value
   // rewrite of the conversion).
   kRewritten,
@@ -57,7 +59,9 @@ enum class TraceKind : uint8_t {
   // values than the section: `table`.
   kSkipped,
   // A step of the postmix conversion ended with `status`; `section` is the
-  // tail section it fills (kNone: the control section).
+  // tail section it fills (kNone: the control section). For a room,
+  // headphone-EQ or AEQ section `locator` is the locator whose record the
+  // section holds in the end (-1: none).
   kStatus,
   // A repeated field whose first element goes to `offset` has `count` more
   // elements than its `value` slots: those are not written.
@@ -110,6 +114,7 @@ struct TraceEvent {
   size_t wrappedCount = 0;  // 16-bit runs: values that do not fit 16 bits
   int firstWrapped = -1;    // index in the table of the first of them
   int32_t firstWrappedValue = 0;
+  int32_t firstWrappedStored = 0;  // what the block holds for it (unsigned 16 bits)
 };
 
 class TraceObserver {
@@ -118,13 +123,16 @@ class TraceObserver {
   virtual void OnEvent(const TraceEvent& event) = 0;
 };
 
-// Reports that a step of the postmix conversion filling `section` ended with `status`.
-inline void TraceStatus(TraceObserver* trace, SectionId section, int32_t status) {
+// Reports that a step of the postmix conversion filling `section` ended with
+// `status`; a section filled from a locator list gives `chosen`, the locator
+// whose record it holds in the end (-1: none).
+inline void TraceStatus(TraceObserver* trace, SectionId section, int32_t status, int chosen = -1) {
   if (trace == nullptr) return;
   TraceEvent event;
   event.kind = TraceKind::kStatus;
   event.section = section;
   event.status = status;
+  event.locator = chosen;
   trace->OnEvent(event);
 }
 
@@ -140,12 +148,11 @@ class ConversionTrace : public TraceObserver {
   std::vector<TraceEvent> events;
 };
 
-// Whether a 16-bit field store changes `value`: the block keeps its low 16
-// bits, read back as a signed half-word.
-constexpr bool FieldWraps16(int32_t value) { return static_cast<int16_t>(value & 0xFFFF) != value; }
-
 // Whether a coeff_16 value does not fit its unsigned 16-bit store as it is
 // (values from -32768 to 65535 keep their bits).
 constexpr bool CoefWraps16(int32_t value) { return value < -32768 || value > 65535; }
+
+// What an unsigned 16-bit coefficient store keeps of `value`: its low 16 bits.
+constexpr int32_t CoefStored16(int32_t value) { return static_cast<uint16_t>(value & 0xFFFF); }
 
 }  // namespace qvrcs

@@ -18,12 +18,6 @@ namespace {
 
 const std::string kRate = std::to_string(qvr::kDspSampleRate) + " Hz";
 
-// Filters the settings switch on, with the section their coefficients fill.
-constexpr std::pair<const char*, SectionId> kFilterCoefficients[] = {
-    {"postmix.hpf_enable", SectionId::kHighPassCoefs},
-    {"postmix.velmo.hpf_enable", SectionId::kVelmoHighPassCoefs},
-};
-
 std::string Quote(const std::string& text) { return "\"" + text + "\""; }
 
 size_t IndexOf(SectionId id) { return static_cast<size_t>(id); }
@@ -58,7 +52,7 @@ std::string Coeff16Wrap(const std::string& record, const TraceEvent& e) {
   if (e.wrappedCount == 0) return {};
   const int32_t v = e.firstWrappedValue;
   return record + ": coeff_16[" + std::to_string(e.firstWrapped) + "] = " + std::to_string(v) +
-         " does not fit 16 bits, the DSP gets " + std::to_string(static_cast<uint16_t>(v & 0xFFFF)) +
+         " does not fit 16 bits, the DSP gets " + std::to_string(e.firstWrappedStored) +
          (e.wrappedCount > 1 ? " (" + std::to_string(e.wrappedCount) + " values wrap)" : "");
 }
 
@@ -113,7 +107,8 @@ void DescribeRoom(const TraceEvent& e, LocatorOutcome& o) {
   const auto& room = static_cast<const model::roomModel&>(*e.record);
   const std::string name = RecordName("rooms", e, room.uuid());
   o.firstRecord = name;
-  const size_t held = (e.capacity - qvrcs::kRoomCoefs) / 2;  // values the slot holds
+  o.record = e.record;
+  const size_t held = qvrcs::RoomValuesHeld(e.capacity);
   if (e.table.index < 0) {
     o.what = "room " + name + " has no coefficient table for " + kRate + " (" + RatesOf(room.coefftables()) + ")";
   } else if (e.table.count == 0) {
@@ -149,9 +144,16 @@ void DescribeRoom(const TraceEvent& e, LocatorOutcome& o) {
     }
     const uint64_t expected = 2ull * room.numpairs() * room.brirlength();
     if (e.table.count < expected) {
+      // Past the slot's own values the DSP reads on into what follows it.
+      const qvrcs::SectionInfo& slot = qvrcs::Section(e.section);
+      std::string past = "zeros past them";
+      if (expected > held) {
+        past = "zeros up to the section's end (byte " + std::to_string(slot.end()) + "), then the following sections";
+        if (const qvrcs::SectionInfo* next = qvrcs::SectionAt(slot.end())) past += " (" + std::string(next->name) + ", ...)";
+      }
       o.problems.emplace_back("room-header", head + std::to_string(e.table.count) +
                                                  " values, fewer than numPairs x 2 x brirLength = " +
-                                                 std::to_string(expected) + ": the DSP reads zeros past them");
+                                                 std::to_string(expected) + ": the DSP reads " + past);
     }
   }
 }
@@ -164,6 +166,7 @@ void DescribeHeadphoneEq(const TraceEvent& e, const std::vector<const TraceEvent
   const auto& eq = static_cast<const model::headphoneEq&>(*e.record);
   const std::string name = RecordName("headphones", e, eq.uuid());
   o.firstRecord = name;
+  o.record = e.record;
   if (e.table.index < 0) {
     o.what = "headphone EQ " + name + " has no coefficient table for " + kRate + " (" + RatesOf(eq.coefftables()) + ")";
     return;
@@ -196,6 +199,7 @@ void DescribeAeq(const TraceEvent& e, const std::vector<const TraceEvent*>& part
   const auto& aeq = static_cast<const com::qvr::pb::coef::Aeq&>(*e.record);
   const std::string name = "AEQ " + RecordName("aeqs", e, aeq.uuid());
   o.firstRecord = RecordName("aeqs", e, aeq.uuid());
+  o.record = e.record;
   int channel = -1;
   std::string text = name + ":";
   for (const TraceEvent* part : parts) {
@@ -226,13 +230,8 @@ void DescribeAeq(const TraceEvent& e, const std::vector<const TraceEvent*>& part
   o.what = text;
 }
 
-// The last locator whose record was written, as the section's source: a
-// failing locator writes no record of its own over it.
-void FromLocators(const std::vector<LocatorOutcome>& walk, SectionOrigin& origin) {
-  const LocatorOutcome* chosen = nullptr;
-  for (const LocatorOutcome& o : walk) {
-    if (o.status == qvrcs::QVRCS_OK) chosen = &o;
-  }
+// The locator the converter says the section holds, as its source.
+void FromLocators(const LocatorOutcome* chosen, SectionOrigin& origin) {
   if (chosen == nullptr) return;
   origin.fromFile = true;
   origin.source = chosen->locator + " " + Quote(chosen->uuid);
@@ -315,6 +314,17 @@ std::string NegativeRefHtest(const TraceEvent& stop) {
 
 }  // namespace
 
+const std::vector<LocatorOutcome>& Analysis::Walk(SectionId id) const {
+  return *WalkOf(*this, id);
+}
+
+const LocatorOutcome* Analysis::Chosen(SectionId id) const {
+  for (const LocatorOutcome& o : Walk(id)) {
+    if (o.index == Section(id).chosen) return &o;
+  }
+  return nullptr;
+}
+
 Analysis Analyse(const Conversion& conversion) {
   Analysis a;
   std::vector<const TraceEvent*> parts;
@@ -335,6 +345,7 @@ Analysis Analyse(const Conversion& conversion) {
       case TraceKind::kLocator: {
         LocatorOutcome o;
         o.locator = std::string(section.source) + "[" + std::to_string(e.locator) + "]";
+        o.index = e.locator;
         o.uuid = e.uuid != nullptr ? *e.uuid : std::string();
         o.status = e.status;
         if (section.kind == qvrcs::SectionKind::kRoom) {
@@ -366,6 +377,7 @@ Analysis Analyse(const Conversion& conversion) {
         break;
       case TraceKind::kStatus:
         origin.reached = true;
+        origin.chosen = e.locator;
         break;
       default:
         break;
@@ -373,7 +385,7 @@ Analysis Analyse(const Conversion& conversion) {
   }
   for (SectionId id : {SectionId::kMultichRoom, SectionId::kFrontRoom, SectionId::kWideRoom, SectionId::kHeadphoneEq,
                        SectionId::kAeq}) {
-    FromLocators(*WalkOf(a, id), a.sections[IndexOf(id)]);
+    FromLocators(a.Chosen(id), a.sections[IndexOf(id)]);
   }
   for (const qvrcs::SectionInfo& s : qvrcs::kPostmixSections) {
     const TraceEvent* run = lastRun[IndexOf(s.id)];
@@ -492,7 +504,7 @@ std::vector<Warning> FindSuspicious(const Conversion& conversion) {
   for (const TraceEvent* e : wrapped) {
     const std::string path = FieldPathAt(e->block, e->offset);
     warn("wrap16", path + " = " + std::to_string(e->value) + " does not fit its 16-bit field: the DSP gets " +
-                       std::to_string(static_cast<int16_t>(e->value & 0xFFFF)),
+                       std::to_string(e->stored),
          path);
   }
 
@@ -515,31 +527,34 @@ std::vector<Warning> FindSuspicious(const Conversion& conversion) {
          FieldPathAt(stop->block, stop->offset));
   }
 
-  // A filter the file enables whose coefficient section receives nothing or zeros.
-  for (const auto& [enable, section] : kFilterCoefficients) {
+  const Analysis a = Analyse(conversion);
+  // A filter the file enables whose coefficient section receives nothing or
+  // zeros; a section the conversion never reached says nothing of the file.
+  for (const qvrcs::SectionInfo& section : qvrcs::kPostmixSections) {
+    if (*section.enable == '\0' || !a.Section(section.id).reached) continue;
+    const std::string enable = section.enable;
     bool enabled = false;
     bool coefficients = false;
     for (const TraceEvent& e : conversion.trace.events) {
       if (e.kind == TraceKind::kField && e.value != 0 && FieldPathAt(e.block, e.offset) == enable) enabled = true;
-      if (e.kind == TraceKind::kRun && e.section == section && e.values != nullptr) {
+      if (e.kind == TraceKind::kRun && e.section == section.id && e.values != nullptr) {
         for (size_t v = 0; v < e.written; ++v) coefficients = coefficients || e.values[v] != 0;
       }
     }
     if (enabled && !coefficients) {
-      warn("filter-no-coefs", std::string(enable) + " enables the filter, but " +
-                                  qvrcs::Section(section).source + " gives it no non-zero coefficient for " + kRate +
-                                  ": the DSP filters with " + sectionName(section) + " as the template left it",
+      warn("filter-no-coefs", enable + " enables the filter, but " + section.source +
+                                  " gives it no non-zero coefficient for " + kRate + ": the DSP filters with " +
+                                  section.name + " as the template left it",
            enable);
     }
   }
 
-  const Analysis a = Analyse(conversion);
   const SectionId roomSections[] = {SectionId::kMultichRoom, SectionId::kFrontRoom, SectionId::kWideRoom};
   for (size_t r = 0; r < 3; ++r) {
     const std::string at = sectionName(roomSections[r]);
     // An empty uuid is skipped; when no other locator of the list loads, the
     // slot keeps the template.
-    if (!a.Section(roomSections[r]).fromFile) {
+    if (a.Section(roomSections[r]).reached && !a.Section(roomSections[r]).fromFile) {
       for (const LocatorOutcome& o : a.rooms[r]) {
         if (o.status != qvrcs::QVRCS_NOTHING_TO_LOAD) continue;
         warn("room-no-uuid", o.locator + ": empty uuid: nothing is loaded and the DSP gets " + at +

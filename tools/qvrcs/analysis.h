@@ -22,12 +22,14 @@ namespace qvrcs_tool {
 // One locator of a room, headphone-EQ or AEQ list, as its loader took it.
 struct LocatorOutcome {
   std::string locator;  // "postmix.frontRoom[1]"
+  int index = -1;       // in its list
   std::string uuid;
   int32_t status = 0;
   std::string what;     // the record found and what became of it, or why it failed
   size_t count = 0;     // values written from the record's table(s)
   int32_t sampleRate = 0;
   std::string firstRecord;  // the record found, "" when none
+  const google::protobuf::Message* record = nullptr;  // the record found (points into the settings)
   uint32_t ihpirLength = 0; // headphone EQ: the filter length the file gives
   uint32_t taps = 0;        // headphone EQ: taps per channel of a cut (long) filter, 0 when not cut
   size_t end = 0;           // one past the last byte written (0: not known)
@@ -45,6 +47,7 @@ struct SectionOrigin {
   std::string source;      // the record the data came from
   std::string detail;      // rate, count, end, cuts
   size_t end = 0;          // one past the last byte the data reaches (0: unknown)
+  int chosen = -1;         // locator sections: the locator whose record it holds (-1: none), as the converter says
 };
 
 struct Analysis {
@@ -56,6 +59,10 @@ struct Analysis {
   std::vector<std::pair<qvrcs::SectionId, std::string>> overruns;
 
   const SectionOrigin& Section(qvrcs::SectionId id) const { return sections[static_cast<size_t>(id)]; }
+  // The locators of a room, headphone-EQ or AEQ section, in list order.
+  const std::vector<LocatorOutcome>& Walk(qvrcs::SectionId id) const;
+  // The locator whose record the section holds in the end; nullptr: none.
+  const LocatorOutcome* Chosen(qvrcs::SectionId id) const;
 };
 
 Analysis Analyse(const Conversion& conversion);

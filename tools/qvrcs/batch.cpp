@@ -21,7 +21,7 @@ namespace qvrcs_tool {
 // How a checked input travels from a worker to the parent (CBOR keeps every
 // byte of the strings, UTF-8 or not).
 NLOHMANN_DEFINE_TYPE_NON_INTRUSIVE(SlotReport, slot, index, filename, path, deviceBitmask, readerStatus, parsed,
-                                   premixStatus, postmixStatus, loaded, meaning, culprit, log)
+                                   premixStatus, postmixStatus, outcome, meaning, culprit, log)
 NLOHMANN_DEFINE_TYPE_NON_INTRUSIVE(CheckWarning, slot, file, code, message, note)
 NLOHMANN_DEFINE_TYPE_NON_INTRUSIVE(CheckReport, searchPath, storedPath, configPath, configOk, configErrors, slots,
                                    warnings)
@@ -59,7 +59,7 @@ CheckedInput CheckOneFile(const std::string& path, const BatchOptions& options, 
     checked.error = Located(shown, error);
     return checked;
   }
-  checked.report = CheckFile(readerPath, shown);
+  checked.report = CheckFile(readerPath, shown, error.empty() ? error : Located(shown, error));
   if (readerPath == path) return checked;
   // The reader saw the copy: its lines name the input instead.
   auto rename = [&](std::string& text) {
@@ -113,6 +113,7 @@ CheckedInput CheckInput(const std::string& input, const BatchOptions& options, s
   if (input != "-" && !input.empty() && stat(input.c_str(), &info) == 0 && S_ISDIR(info.st_mode)) {
     return CheckSet(input, options);
   }
+  if (std::string folder; ConfigFileFolder(input, folder)) return CheckSet(folder, options);
   return CheckOneFile(input, options, in);
 }
 

@@ -1,7 +1,9 @@
 #include "tools/qvrcs/check.h"
 
+#include <fcntl.h>
 #include <google/protobuf/io/tokenizer.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
@@ -14,6 +16,7 @@
 #include "configurator/settings.h"
 #include "qvrcs/qvrcs.h"
 #include "tools/qvrcs/analysis.h"
+#include "tools/qvrcs/inputs.h"
 #include "tools/qvrcs/io.h"
 #include "tools/qvrcs/tuning.h"
 
@@ -50,33 +53,16 @@ class ConfigErrors : public google::protobuf::io::ErrorCollector {
   std::vector<std::string>& out_;
 };
 
-// The outputs each slot's tuning is made for, as routes and the matching
-// output_device numbers: a file named for another output loads just as well
-// but tunes the wrong one.
-struct SlotRoutes {
-  const char* slot;
-  std::vector<AudioRoute> routes;
-};
-const SlotRoutes kSlotRoutes[] = {
-    {"attached0", {com::qvr::pb::wbn::AR_OUT_ATTACHED0}},
-    {"attached1", {com::qvr::pb::wbn::AR_OUT_ATTACHED1}},
-    {"lineout0", {com::qvr::pb::wbn::AR_OUT_LINEOUT}},
-    {"bluetooth0", {com::qvr::pb::wbn::AR_OUT_BLUETOOTH}},
-    {"combo0", {com::qvr::pb::wbn::AR_OUT_COMBO}},
-    {"other", {com::qvr::pb::wbn::AR_OUT_DIGITAL, com::qvr::pb::wbn::AR_OUT_ATTACHED2,
-               com::qvr::pb::wbn::AR_OUT_DEFAULT}},
-};
-
 // What of the file's route and output devices does not fit `slot`; "" when all fits.
 std::string RouteMismatch(const std::string& slot, const Conversion& conversion) {
-  const SlotRoutes* wanted = nullptr;
-  for (const SlotRoutes& entry : kSlotRoutes) {
-    if (slot == entry.slot) wanted = &entry;
+  const qvr::ConfigSlot* wanted = nullptr;
+  for (const qvr::ConfigSlot& entry : qvr::kConfigSlots) {
+    if (slot == entry.name) wanted = &entry;
   }
   if (wanted == nullptr || !conversion.selected()) return {};
-  auto fits = [&](int value) {
-    return std::any_of(wanted->routes.begin(), wanted->routes.end(), [&](AudioRoute r) { return r == value; });
-  };
+  const AudioRoute* routes = wanted->routes;
+  const AudioRoute* routesEnd = wanted->routes + wanted->routeCount;
+  auto fits = [&](int value) { return std::any_of(routes, routesEnd, [&](AudioRoute r) { return r == value; }); };
   std::string misfits;
   auto add = [&](const std::string& what) { misfits += (misfits.empty() ? "" : ", ") + what; };
   const AudioRoute route = conversion.reading->message.workspace(0).routeconfiguration(0).route();
@@ -90,56 +76,81 @@ std::string RouteMismatch(const std::string& slot, const Conversion& conversion)
   }
   if (misfits.empty()) return {};
   std::string expected;
-  for (const AudioRoute r : wanted->routes) {
-    expected += (expected.empty() ? "" : " or ") + com::qvr::pb::wbn::AudioRoute_Name(r) + " (" +
-                std::to_string(static_cast<int>(r)) + ")";
+  for (const AudioRoute* r = routes; r != routesEnd; ++r) {
+    expected += (expected.empty() ? "" : " or ") + com::qvr::pb::wbn::AudioRoute_Name(*r) + " (" +
+                std::to_string(static_cast<int>(*r)) + ")";
   }
   return misfits + " of another output than " + slot + ", which takes " + expected +
          ": the DSP applies this tuning to " + slot;
+}
+
+// What the reader's open would do with `path`, before it runs: a FIFO makes
+// it wait for a writer for good, a device or a file larger than qvrcs reads
+// is not read here. False when the reader can be run.
+bool HeldBack(SlotReport& slot) {
+  struct stat info {};
+  if (stat(slot.path.c_str(), &info) != 0) return false;  // the reader fails to open it, and says so
+  if (S_ISFIFO(info.st_mode)) {
+    slot.outcome = SlotOutcome::kBlocks;
+    slot.meaning = "a FIFO: the configurator would wait in open() for a writer for good and never finish loading";
+    return true;
+  }
+  if (S_ISCHR(info.st_mode) || S_ISBLK(info.st_mode)) {
+    slot.outcome = SlotOutcome::kNotChecked;
+    slot.meaning = std::string("a ") + (S_ISCHR(info.st_mode) ? "character" : "block") +
+                   " device: what the configurator reads from it depends on the device";
+    return true;
+  }
+  if (S_ISREG(info.st_mode) && static_cast<unsigned long long>(info.st_size) > kMaxInputSize) {
+    slot.outcome = SlotOutcome::kNotChecked;
+    slot.meaning = "larger than qvrcs reads";
+    return true;
+  }
+  return false;
+}
+
+// Why the reader read nothing it could parse from `path`.
+std::string Unparsable(const SlotReport& slot) {
+  struct stat info {};
+  const std::string unparsable = std::string(kUnparsableTuning) + " and logs no error";
+  if (stat(slot.path.c_str(), &info) == 0 && S_ISDIR(info.st_mode)) {
+    return (slot.filename.empty() ? "filename \"\" names the search path itself, a directory, which "
+                                  : std::string("is a directory, which ")) +
+           unparsable;
+  }
+  return unparsable;
 }
 
 void CheckSlot(SlotReport& slot, CheckReport& report) {
   auto warn = [&](const char* code, std::string message, bool note) {
     report.warnings.push_back(CheckWarning{slot.slot, slot.filename, code, std::move(message), note});
   };
+  if (HeldBack(slot)) return;
 
-  std::string error;
-  struct stat info {};
-  if (stat(slot.path.c_str(), &info) == 0 && !CheckRegularFile(slot.path, error)) {
-    // A FIFO, a device or a huge file: the reader would wait or read without end.
-    slot.readerStatus = qvr::kReaderFailed;
-    slot.meaning = "the tuning file is not a regular file of a size the reader can take";
-    slot.culprit = slot.path + ": " + error;
-    return;
-  }
   const ReaderRun run = RunReader(slot.path);
   const Conversion& conversion = *run.conversion;
   slot.readerStatus = conversion.readerStatus;
   slot.log = conversion.log;
-  slot.loaded = conversion.readerStatus == 0;
 
   const qvr::ReaderStage stage = conversion.reading->stage;
-  if (stage == qvr::ReaderStage::kCannotOpen || stage == qvr::ReaderStage::kUnparsable) {
-    std::string bytes;
-    if (!ReadRegularFile(slot.path, bytes, error)) {
-      if (slot.loaded) {
-        warn("unparsable",
-             slot.path + " " + error + ": the configurator uploads a blank payload and logs no error", false);
-      } else {
-        slot.meaning = "the tuning file could not be opened";
-        slot.culprit = slot.path + ": " + error;
-      }
-    } else {
-      warn("unparsable", "does not parse as a tuning file: the configurator uploads a blank (all-zero) "
-                         "payload and logs no error",
-           false);
-    }
+  if (stage == qvr::ReaderStage::kCannotOpen) {
+    slot.outcome = SlotOutcome::kFails;
+    slot.meaning = "the tuning file could not be opened";
+    const int fd = open(slot.path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
+    slot.culprit = slot.path + ": cannot open: " + std::strerror(fd < 0 ? errno : 0);
+    if (fd >= 0) close(fd);
+    return;
+  }
+  if (stage == qvr::ReaderStage::kUnparsable) {
+    slot.outcome = SlotOutcome::kBlank;
+    warn("unparsable", Unparsable(slot), false);
     return;
   }
   slot.parsed = true;
   slot.premixStatus = conversion.premixStatus();
   slot.postmixStatus = conversion.postmixStatus();
-  if (!slot.loaded) {
+  slot.outcome = conversion.readerStatus == 0 ? SlotOutcome::kLoaded : SlotOutcome::kFails;
+  if (slot.outcome == SlotOutcome::kFails) {
     if (!conversion.selected()) {
       slot.meaning = "nothing to convert";
     } else {
@@ -158,8 +169,40 @@ void CheckSlot(SlotReport& slot, CheckReport& report) {
 
 size_t CheckReport::Failures() const {
   size_t failures = configOk ? 0 : 1;
-  for (const SlotReport& slot : slots) failures += slot.loaded ? 0 : 1;
+  for (const SlotReport& slot : slots) failures += slot.outcome == SlotOutcome::kLoaded ? 0 : 1;
   return failures;
+}
+
+const char* OutcomeCode(SlotOutcome outcome) {
+  switch (outcome) {
+    case SlotOutcome::kLoaded:
+      return "loaded";
+    case SlotOutcome::kBlank:
+      return "blank";
+    case SlotOutcome::kFails:
+      return "fails";
+    case SlotOutcome::kBlocks:
+      return "blocks";
+    case SlotOutcome::kNotChecked:
+      return "not_checked";
+  }
+  return "fails";
+}
+
+std::string OutcomeText(const SlotReport& slot) {
+  switch (slot.outcome) {
+    case SlotOutcome::kLoaded:
+      return "loaded";
+    case SlotOutcome::kBlank:
+      return "uploads a blank block";
+    case SlotOutcome::kFails:
+      return "FAILS: reader " + std::to_string(slot.readerStatus) + ", " + slot.meaning;
+    case SlotOutcome::kBlocks:
+      return "BLOCKS: " + slot.meaning;
+    case SlotOutcome::kNotChecked:
+      return "not checked (" + slot.meaning + ")";
+  }
+  return {};
 }
 
 size_t CheckReport::Warnings() const {
@@ -168,7 +211,16 @@ size_t CheckReport::Warnings() const {
   return count;
 }
 
-CheckReport CheckFile(const std::string& path, const std::string& shown) {
+bool ConfigFileFolder(const std::string& path, std::string& folder) {
+  const size_t slash = path.rfind('/');
+  if (path.substr(slash + 1) != qvr::kConfigFileName) return false;
+  struct stat info {};
+  if (stat(path.c_str(), &info) == 0 && S_ISDIR(info.st_mode)) return false;
+  folder = slash == std::string::npos ? "." : slash == 0 ? "/" : path.substr(0, slash);
+  return true;
+}
+
+CheckReport CheckFile(const std::string& path, const std::string& shown, const std::string& textError) {
   CheckReport report;
   report.searchPath = shown;
   report.configOk = true;
@@ -177,6 +229,7 @@ CheckReport CheckFile(const std::string& path, const std::string& shown) {
   slot.filename = shown.substr(shown.rfind('/') + 1);
   slot.path = path;
   CheckSlot(slot, report);
+  if (slot.outcome == SlotOutcome::kBlank && !textError.empty()) report.warnings.back().message += "\n  " + textError;
   report.slots.push_back(slot);
   return report;
 }

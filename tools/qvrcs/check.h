@@ -9,6 +9,15 @@
 
 namespace qvrcs_tool {
 
+// What becomes of a slot on the device.
+enum class SlotOutcome : uint8_t {
+  kLoaded,      // the reader returns 0 and the file's conversion is uploaded
+  kBlank,       // the reader returns 0 without parsing anything: the zero-filled block is uploaded
+  kFails,       // the reader returns an error: nothing is uploaded
+  kBlocks,      // the reader's open never returns (a FIFO without a writer)
+  kNotChecked,  // qvrcs does not read it (too large, a device): the device may well load it
+};
+
 struct SlotReport {
   std::string slot;      // attached0 ... other
   size_t index = 0;      // cache block index
@@ -19,8 +28,8 @@ struct SlotReport {
   bool parsed = false;         // the file parses as a tuning file
   int32_t premixStatus = 0;
   int32_t postmixStatus = 0;
-  bool loaded = false;         // the configurator would upload it
-  std::string meaning;         // of the failing status
+  SlotOutcome outcome = SlotOutcome::kFails;
+  std::string meaning;         // of the failing status, or why the slot blocks or is not checked
   std::string culprit;         // the record that caused the failure
   std::string log;             // the reader's log lines
 };
@@ -42,9 +51,15 @@ struct CheckReport {
   std::vector<SlotReport> slots;
   std::vector<CheckWarning> warnings;
 
-  size_t Failures() const;
+  size_t Failures() const;  // configuration file and slots that do not load
   size_t Warnings() const;  // notes excluded
 };
+
+// The one account of a slot's outcome that check, its JSON and report give:
+// a short code ("loaded", "blank", "fails", "blocks", "not_checked") and the
+// text of check's table ("uploads a blank block", "FAILS: reader -4, ...").
+const char* OutcomeCode(SlotOutcome outcome);
+std::string OutcomeText(const SlotReport& slot);
 
 // The search path the boot service gives the configurator on the device.
 constexpr const char* kDevicePath = "/vendor/etc/qvr";
@@ -54,9 +69,14 @@ constexpr const char* kDevicePath = "/vendor/etc/qvr";
 // search path the configurator will be given on the device.
 CheckReport Check(const std::string& dir, const std::string& devicePath = kDevicePath);
 
+// Whether `path` names a configuration file (its name is configurator.cfg):
+// then `folder` is the search path that holds it, to be checked as a set.
+bool ConfigFileFolder(const std::string& path, std::string& folder);
+
 // One tuning file (binary, as the reader takes it) checked as a slot would
 // be, without a configuration file; the slot is named "-", the report's
-// search path `shown`.
-CheckReport CheckFile(const std::string& path, const std::string& shown);
+// search path `shown`. `textError`: why the file, plausibly text, did not
+// parse as text either; said under the slot's blank outcome.
+CheckReport CheckFile(const std::string& path, const std::string& shown, const std::string& textError = {});
 
 }  // namespace qvrcs_tool

@@ -8,40 +8,6 @@
 namespace qvrcs_tool {
 namespace {
 
-// What becomes of a slot on the device.
-enum class Outcome { kLoaded, kBlank, kFails };
-
-Outcome OutcomeOf(const SlotReport& slot) {
-  if (!slot.loaded) return Outcome::kFails;
-  // The reader returns 0 for a file that does not parse: the driver gets
-  // the zero-filled buffer.
-  return slot.parsed ? Outcome::kLoaded : Outcome::kBlank;
-}
-
-const char* OutcomeCode(Outcome outcome) {
-  switch (outcome) {
-    case Outcome::kLoaded:
-      return "loaded";
-    case Outcome::kBlank:
-      return "blank";
-    case Outcome::kFails:
-      return "fails";
-  }
-  return "fails";
-}
-
-std::string OutcomeText(const SlotReport& slot) {
-  switch (OutcomeOf(slot)) {
-    case Outcome::kLoaded:
-      return "loaded";
-    case Outcome::kBlank:
-      return "uploads a blank block";
-    case Outcome::kFails:
-      break;
-  }
-  return "FAILS: reader " + std::to_string(slot.readerStatus) + ", " + slot.meaning;
-}
-
 size_t WarningsOf(const CheckReport& report, const SlotReport& slot) {
   size_t count = 0;
   for (const CheckWarning& w : report.warnings) count += !w.note && w.slot == slot.slot ? 1 : 0;
@@ -56,6 +22,7 @@ struct Totals {
   size_t slots = 0;
   size_t loaded = 0;
   size_t blank = 0;
+  size_t unchecked = 0;
   size_t warnings = 0;
   int status = kExitOk;
 
@@ -70,10 +37,10 @@ struct Totals {
       size_t failing = c.report.configOk ? 0 : 1;
       for (const SlotReport& slot : c.report.slots) {
         ++slots;
-        const Outcome outcome = OutcomeOf(slot);
-        loaded += outcome == Outcome::kLoaded ? 1 : 0;
-        blank += outcome == Outcome::kBlank ? 1 : 0;
-        failing += outcome == Outcome::kLoaded ? 0 : 1;
+        loaded += slot.outcome == SlotOutcome::kLoaded ? 1 : 0;
+        blank += slot.outcome == SlotOutcome::kBlank ? 1 : 0;
+        unchecked += slot.outcome == SlotOutcome::kNotChecked ? 1 : 0;
+        failing += slot.outcome == SlotOutcome::kLoaded ? 0 : 1;
       }
       warnings += c.report.Warnings();
       if (failing > 0 || (c.report.Warnings() > 0 && !warningsOk)) inputStatus = kExitFindings;
@@ -84,6 +51,7 @@ struct Totals {
   std::string Line() const {
     std::string line = std::to_string(loaded) + " of " + std::to_string(slots) + " slots load";
     if (blank > 0) line += ", " + std::to_string(blank) + " upload" + (blank == 1 ? "s" : "") + " a blank block";
+    if (unchecked > 0) line += ", " + std::to_string(unchecked) + " not checked";
     if (configFailures > 0) {
       line += ", " + std::to_string(configFailures) + " configurator.cfg fail" + (configFailures == 1 ? "s" : "");
     }
@@ -100,7 +68,7 @@ Json SlotJson(const CheckReport& report, const SlotReport& slot, bool verbose) {
   Json j = {{"slot", slot.slot},
             {"file", slot.filename},
             {"path", slot.path},
-            {"outcome", OutcomeCode(OutcomeOf(slot))},
+            {"outcome", OutcomeCode(slot.outcome)},
             {"reader_status", slot.readerStatus},
             {"parsed", slot.parsed},
             {"premix_status", slot.premixStatus},
@@ -110,7 +78,7 @@ Json SlotJson(const CheckReport& report, const SlotReport& slot, bool verbose) {
     j["cache_block"] = slot.index;
     j["device_bitmask"] = slot.deviceBitmask;
   }
-  if (!slot.loaded) {
+  if (slot.outcome != SlotOutcome::kLoaded && slot.outcome != SlotOutcome::kBlank) {
     j["meaning"] = slot.meaning;
     j["cause"] = slot.culprit;
   }
@@ -209,7 +177,7 @@ void PrintInput(const CheckedInput& c, const CheckOptions& o, const Streams& s) 
   for (const SlotReport& slot : r.slots) {
     s.out << PadRight(slot.slot, 10) << PadRight(slot.filename, width) << OutcomeText(slot) << "\n";
     const std::string indent(11, ' ');
-    if (!slot.loaded && !slot.culprit.empty()) s.out << indent << "cause: " << slot.culprit << "\n";
+    if (!slot.culprit.empty()) s.out << indent << "cause: " << slot.culprit << "\n";
     if (o.verbose) {
       char bitmask[16];
       std::snprintf(bitmask, sizeof bitmask, "0x%X", slot.deviceBitmask);
@@ -244,9 +212,11 @@ void AddSummaryRows(const CheckedInput& c, std::vector<SummaryRow>& rows) {
   }
   if (!c.report.configOk) rows.push_back({c.input, "", "configurator.cfg", "FAILS", 0});
   for (const SlotReport& slot : c.report.slots) {
-    const Outcome outcome = OutcomeOf(slot);
     rows.push_back({c.input, slot.slot, slot.filename,
-                    outcome == Outcome::kFails ? "FAILS" : OutcomeText(slot), WarningsOf(c.report, slot)});
+                    slot.outcome == SlotOutcome::kFails    ? "FAILS"
+                    : slot.outcome == SlotOutcome::kBlocks ? "BLOCKS"
+                                                           : OutcomeText(slot),
+                    WarningsOf(c.report, slot)});
   }
 }
 
@@ -298,7 +268,8 @@ int CheckCommand(CheckOptions o, const Streams& s) {
     j["inputs"] = inputs;
     j["summary"] = {{"inputs", totals.inputs},        {"not_checked", totals.inputErrors},
                     {"slots", totals.slots},          {"loaded", totals.loaded},
-                    {"blank", totals.blank},          {"failing", totals.slots - totals.loaded - totals.blank},
+                    {"blank", totals.blank},          {"not_checked_slots", totals.unchecked},
+                    {"failing", totals.slots - totals.loaded - totals.blank - totals.unchecked},
                     {"config_failures", totals.configFailures}, {"warnings", totals.warnings}};
     j["exit_status"] = totals.status;
     s.out << JsonText(j) << "\n";

@@ -237,20 +237,8 @@ int DiffCommand(const DiffOptions& o, const Streams& s) {
   const View va = BuildView(a.input);
   const View vb = BuildView(b.input);
   const auto diffs = DiffViews(va, vb);
-  // What check says of one file and not of the other (the blocks may agree:
-  // entries past a repeated field's slots change nothing the DSP gets).
-  auto only = [](const View& x, const View& y) {
-    std::vector<Warning> list;
-    for (const Warning& w : x.warnings) {
-      const bool shared = std::any_of(y.warnings.begin(), y.warnings.end(), [&](const Warning& other) {
-        return other.code == w.code && other.message == w.message;
-      });
-      if (!shared) list.push_back(w);
-    }
-    return list;
-  };
-  const std::vector<Warning> onlyA = only(va, vb);
-  const std::vector<Warning> onlyB = only(vb, va);
+  const std::vector<Warning> onlyA = WarningsOnlyIn(va, vb);
+  const std::vector<Warning> onlyB = WarningsOnlyIn(vb, va);
   const int status = diffs.empty() && onlyA.empty() && onlyB.empty() ? kExitOk : kExitFindings;
   if (o.json) {
     Json j = Document("diff");
@@ -350,7 +338,7 @@ int ConvertCommand(const ConvertOptions& o, const Streams& s) {
               ", premix " + std::to_string(conversion.premixStatus()) + ", postmix " +
               std::to_string(conversion.postmixStatus()) + ")" + (cause.empty() ? "" : ": " + cause);
   } else if (!parsed) {
-    problem = "does not parse as a tuning file: the configurator uploads this all-zero payload and logs no error";
+    problem = kUnparsableTuning + (error.empty() ? "" : "\n  " + Located(Shown(o.file), error));
   }
   const bool write = conversion.readerStatus == 0;
   if (write && !Emit(o.output, std::string(run.payload.begin(), run.payload.end()), {o.file}, s)) {
@@ -378,34 +366,6 @@ int ConvertCommand(const ConvertOptions& o, const Streams& s) {
 
 // ---- dump / encode -------------------------------------------------------------
 
-// Replaces, in every string field of `message`, the bytes that are not UTF-8
-// by their "\xNN" escapes (the JSON printer would drop them).
-void MakeStringsUtf8Safe(google::protobuf::Message& message) {
-  const google::protobuf::Reflection* reflection = message.GetReflection();
-  std::vector<const google::protobuf::FieldDescriptor*> fields;
-  reflection->ListFields(message, &fields);
-  for (const google::protobuf::FieldDescriptor* field : fields) {
-    if (field->cpp_type() == google::protobuf::FieldDescriptor::CPPTYPE_MESSAGE) {
-      if (field->is_repeated()) {
-        for (int i = 0; i < reflection->FieldSize(message, field); ++i) {
-          MakeStringsUtf8Safe(*reflection->MutableRepeatedMessage(&message, field, i));
-        }
-      } else {
-        MakeStringsUtf8Safe(*reflection->MutableMessage(&message, field));
-      }
-    } else if (field->type() == google::protobuf::FieldDescriptor::TYPE_STRING) {
-      if (field->is_repeated()) {
-        for (int i = 0; i < reflection->FieldSize(message, field); ++i) {
-          reflection->SetRepeatedString(&message, field, i,
-                                        Utf8Safe(reflection->GetRepeatedString(message, field, i)));
-        }
-      } else {
-        reflection->SetString(&message, field, Utf8Safe(reflection->GetString(message, field)));
-      }
-    }
-  }
-}
-
 struct DumpOptions {
   std::string file;
   std::string output;
@@ -422,7 +382,7 @@ int DumpCommand(const DumpOptions& o, const Streams& s) {
     google::protobuf::util::JsonPrintOptions options;
     options.add_whitespace = true;
     options.preserve_proto_field_names = true;
-    MakeStringsUtf8Safe(message);
+    EscapeStringsForJson(message);
     if (!google::protobuf::util::MessageToJsonString(message, &text, options).ok()) {
       s.Error(Shown(o.file), "cannot be written as JSON");
       return kExitBadInput;

@@ -1,5 +1,6 @@
 #include "tools/qvrcs/explain.h"
 
+#include <algorithm>
 #include <cstdio>
 #include <cstring>
 #include <map>
@@ -82,7 +83,7 @@ std::string Holds(const std::vector<uint8_t>& p, const qvrcs::SectionInfo& s, si
              ", rate " + std::to_string(Word(p, at + qvrcs::kRoomSampleRate)) +
              ", reverbGain " + std::to_string(Word(p, at + qvrcs::kRoomReverbGain)) +
              ", reverbCut " + std::to_string(Word(p, at + qvrcs::kRoomReverbCut)) +
-             ", coefficients " + Values(p, at + qvrcs::kRoomCoefs, 16, (s.size - qvrcs::kRoomCoefs) / 2) +
+             ", coefficients " + Values(p, at + qvrcs::kRoomCoefs, 16, qvrcs::RoomValuesHeld(s.size)) +
              ", non-zero up to byte " + std::to_string(UsedUpTo(p, at, s.size, at - s.offset));
     case K::kHeadphoneEq:
       return "uuid " + Hex(p, at + qvrcs::kHpeqUuid, 16) +
@@ -122,10 +123,8 @@ Stores StoresOf(const Conversion* conversion, qvrcs::TraceBlock block) {
     } else if (e.kind == qvrcs::TraceKind::kRewritten) {
       stores.notes[e.offset] =
           "the file gives " + std::to_string(e.value) + ", stored as " + std::to_string(e.stored);
-    } else if (e.kind == qvrcs::TraceKind::kStopped) {
-      for (size_t i = 1; i <= e.count; ++i) {
-        stores.notes[e.offset + 4 * i] = "not written: an earlier ref_htest entry is negative";
-      }
+    } else if (e.kind == qvrcs::TraceKind::kUnwritten) {
+      stores.notes[e.offset] = "not written: an earlier ref_htest entry is negative";
     }
   }
   return stores;
@@ -258,6 +257,18 @@ View BuildView(Input& input, std::unique_ptr<Conversion>* handBack) {
   }
   if (handBack != nullptr) *handBack = std::move(conversion);
   return view;
+}
+
+std::vector<Warning> WarningsOnlyIn(const View& x, const View& y) {
+  std::vector<Warning> only;
+  if (x.isPayload || y.isPayload) return only;
+  for (const Warning& w : x.warnings) {
+    const bool shared = std::any_of(y.warnings.begin(), y.warnings.end(), [&](const Warning& other) {
+      return other.code == w.code && other.message == w.message;
+    });
+    if (!shared) only.push_back(w);
+  }
+  return only;
 }
 
 RowDifference CompareRow(const View& a, const View& b, const Row& row) {

@@ -52,6 +52,11 @@ View BuildView(Input& input, std::unique_ptr<Conversion>* conversion = nullptr);
 // the same rows), as pairs of (a, b).
 std::vector<std::pair<Row, Row>> DiffViews(const View& a, const View& b);
 
+// What check says of `x` and not of `y`: a difference even where the blocks
+// agree (entries past a repeated field's slots change nothing the DSP gets).
+// Nothing when either is device-side data, which carries no warnings.
+std::vector<Warning> WarningsOnlyIn(const View& x, const View& y);
+
 // How many `width`-bit values differ within a row, and the first one's byte offset in the block.
 struct RowDifference {
   size_t values = 0;

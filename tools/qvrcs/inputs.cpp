@@ -4,6 +4,7 @@
 #include <google/protobuf/text_format.h>
 #include <google/protobuf/util/json_util.h>
 
+#include <algorithm>
 #include <cstring>
 
 #include "configurator/korva_driver.h"
@@ -35,6 +36,18 @@ bool LooksLikeText(const std::string& bytes) {
   return true;
 }
 
+// Text a person wrote, worth a text error: it holds a word (two letters in
+// a row), where a short binary file of printable bytes (",", "{") does not.
+bool PlausiblyText(const std::string& bytes) {
+  size_t run = 0;
+  for (const char c : bytes) {
+    const bool letter = (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || c == '_';
+    run = letter ? run + 1 : 0;
+    if (run >= 2) return true;
+  }
+  return false;
+}
+
 bool LooksLikeJson(const std::string& bytes) {
   const size_t first = bytes.find_first_not_of(" \t\r\n");
   return first != std::string::npos && bytes[first] == '{';
@@ -49,9 +62,48 @@ bool ParseText(const std::string& bytes, Qvrcs& message, std::string& error) {
   return false;
 }
 
+// Calls `change` on every string field of `message` and its sub-messages.
+template <class Change>
+void ForEachString(google::protobuf::Message& message, const Change& change) {
+  const google::protobuf::Reflection* reflection = message.GetReflection();
+  std::vector<const google::protobuf::FieldDescriptor*> fields;
+  reflection->ListFields(message, &fields);
+  for (const google::protobuf::FieldDescriptor* field : fields) {
+    const bool repeated = field->is_repeated();
+    const int count = repeated ? reflection->FieldSize(message, field) : 1;
+    for (int i = 0; i < count; ++i) {
+      if (field->cpp_type() == google::protobuf::FieldDescriptor::CPPTYPE_MESSAGE) {
+        ForEachString(repeated ? *reflection->MutableRepeatedMessage(&message, field, i)
+                               : *reflection->MutableMessage(&message, field),
+                      change);
+      } else if (field->type() == google::protobuf::FieldDescriptor::TYPE_STRING) {
+        const std::string text =
+            repeated ? reflection->GetRepeatedString(message, field, i) : reflection->GetString(message, field);
+        const std::string changed = change(text);
+        if (changed == text) continue;
+        if (repeated) {
+          reflection->SetRepeatedString(&message, field, i, changed);
+        } else {
+          reflection->SetString(&message, field, changed);
+        }
+      }
+    }
+  }
+}
+
+int HexDigit(char c) {
+  if (c >= '0' && c <= '9') return c - '0';
+  if (c >= 'a' && c <= 'f') return c - 'a' + 10;
+  if (c >= 'A' && c <= 'F') return c - 'A' + 10;
+  return -1;
+}
+
 bool ParseJson(const std::string& bytes, Qvrcs& message, std::string& error) {
   const auto status = google::protobuf::util::JsonStringToMessage(bytes, &message);
-  if (status.ok()) return true;
+  if (status.ok()) {
+    UnescapeStringsFromJson(message);
+    return true;
+  }
   error = "does not parse as a JSON tuning file: " + std::string(status.message());
   return false;
 }
@@ -105,6 +157,39 @@ bool IsUpload(const std::string& bytes) {
 
 }  // namespace
 
+void EscapeStringsForJson(google::protobuf::Message& message) {
+  ForEachString(message, [](const std::string& text) {
+    if (text.find('\\') == std::string::npos && ValidUtf8(text)) return text;
+    std::string escaped;
+    size_t start = 0;
+    for (size_t at = text.find('\\'); at != std::string::npos; at = text.find('\\', start)) {
+      escaped += Utf8Safe(text.substr(start, at - start)) + "\\\\";
+      start = at + 1;
+    }
+    return escaped + Utf8Safe(text.substr(start));
+  });
+}
+
+void UnescapeStringsFromJson(google::protobuf::Message& message) {
+  ForEachString(message, [](const std::string& text) {
+    if (text.find('\\') == std::string::npos) return text;
+    std::string plain;
+    for (size_t at = 0; at < text.size(); ++at) {
+      if (text[at] == '\\' && at + 1 < text.size() && text[at + 1] == '\\') {
+        plain += '\\';
+        ++at;
+      } else if (text[at] == '\\' && at + 3 < text.size() && text[at + 1] == 'x' && HexDigit(text[at + 2]) >= 0 &&
+                 HexDigit(text[at + 3]) >= 0) {
+        plain += static_cast<char>(HexDigit(text[at + 2]) * 16 + HexDigit(text[at + 3]));
+        at += 3;
+      } else {
+        plain += text[at];
+      }
+    }
+    return plain;
+  });
+}
+
 Format SniffFormat(const std::string& bytes) {
   if (!LooksLikeText(bytes)) return Format::kBinary;
   return LooksLikeJson(bytes) ? Format::kJson : Format::kText;
@@ -135,51 +220,68 @@ const char* FormatName(Format format) {
 }
 
 bool ParseTuningAs(const std::string& bytes, Format format, Qvrcs& message, Format& used, std::string& error) {
-  if (format == Format::kAuto) {
-    if (LooksLikeText(bytes)) {
-      format = LooksLikeJson(bytes) ? Format::kJson : Format::kText;
-      // A short binary file can happen to hold printable bytes only.
-      Qvrcs binary;
-      QuietProtobufLog();
-      if (!(format == Format::kJson ? ParseJson(bytes, message, error) : ParseText(bytes, message, error)) &&
-          qvr::ParseTuningBytes(bytes, binary)) {
-        message = std::move(binary);
-        format = Format::kBinary;
-      }
-      used = format;
-      return format == Format::kBinary || error.empty();
+  QuietProtobufLog();
+  if (format == Format::kAuto && LooksLikeText(bytes)) {
+    used = LooksLikeJson(bytes) ? Format::kJson : Format::kText;
+    std::string textError;
+    if (used == Format::kJson ? ParseJson(bytes, message, textError) : ParseText(bytes, message, textError)) {
+      return true;
     }
-    format = Format::kBinary;
+    // The device reads every file as binary: a short binary file can hold
+    // printable bytes only.
+    message.Clear();
+    used = Format::kBinary;
+    if (qvr::ParseTuningBytes(bytes, message)) return true;
+    error = kUnparsableTuning;
+    if (PlausiblyText(bytes)) error += "\n" + textError;
+    return false;
   }
-  used = format;
-  switch (format) {
+  used = format == Format::kAuto ? Format::kBinary : format;
+  switch (used) {
     case Format::kText:
       return ParseText(bytes, message, error);
     case Format::kJson:
       return ParseJson(bytes, message, error);
     default:
-      QuietProtobufLog();
       if (qvr::ParseTuningBytes(bytes, message)) return true;
-      error = "does not parse as a tuning file (truncated, or not a tuning file)";
+      error = kUnparsableTuning;
       return false;
   }
 }
 
+Format FormatFor(const std::string& path, Format format) {
+  const std::string binaryName = ".bin";
+  const bool bin = path.size() > binaryName.size() &&
+                   path.compare(path.size() - binaryName.size(), binaryName.size(), binaryName) == 0;
+  return format == Format::kAuto && bin ? Format::kBinary : format;
+}
+
 std::string Located(const std::string& shown, const std::string& error) {
-  // Text errors start with "line:column: ".
-  const bool located = !error.empty() && error[0] >= '1' && error[0] <= '9';
-  return shown + (located ? ":" : ": ") + error;
+  // Text errors start with "line:column: "; a second line (the text error
+  // behind a file that parses neither way) is indented below the first.
+  auto one = [&](const std::string& line) {
+    const bool located = !line.empty() && line[0] >= '1' && line[0] <= '9';
+    return shown + (located ? ":" : ": ") + line;
+  };
+  const size_t newline = error.find('\n');
+  if (newline == std::string::npos) return one(error);
+  return one(error.substr(0, newline)) + "\n  " + one(error.substr(newline + 1));
 }
 
 bool ReaderInput(const std::string& path, const std::string& bytes, Format format, TempFile& copy,
                  std::string& readerPath, std::string& error) {
+  format = FormatFor(path, format);
   if (path != "-" && (format == Format::kAuto ? SniffFormat(bytes) : format) == Format::kBinary) {
     readerPath = path;
     return true;
   }
   Qvrcs message;
   Format used = Format::kBinary;
+  // A file that parses neither way goes to the reader as it is, which the
+  // device would read as binary; `error` keeps the text error, if any.
   if (!ParseTuningAs(bytes, format, message, used, error) && used != Format::kBinary) return false;
+  const size_t newline = error.find('\n');
+  error = newline == std::string::npos ? std::string() : error.substr(newline + 1);
   if (!copy.Write(used == Format::kBinary ? bytes : message.SerializeAsString(), error)) return false;
   readerPath = copy.path();
   return true;
@@ -199,7 +301,7 @@ bool LoadInput(const std::string& path, const LoadOptions& options, std::istream
   }
   auto reading = std::make_unique<qvr::TuningReading>();
   Format used = Format::kBinary;
-  if (ParseTuningAs(bytes, options.format, reading->message, used, error)) {
+  if (ParseTuningAs(bytes, FormatFor(path, options.format), reading->message, used, error)) {
     loaded.input.reading = std::move(reading);
     loaded.form = used == Format::kBinary ? "tuning file" : std::string(FormatName(used)) + " tuning file";
     return true;
@@ -211,7 +313,8 @@ bool LoadInput(const std::string& path, const LoadOptions& options, std::istream
   }
   if (bytes.empty()) error = "empty file";
   if (!options.tuningOnly && options.format == Format::kAuto && used == Format::kBinary && !bytes.empty()) {
-    error += "; not device-side data either (" + std::to_string(bytes.size()) + " bytes)";
+    error.insert(std::min(error.find('\n'), error.size()),
+                 "; not device-side data either (" + std::to_string(bytes.size()) + " bytes)");
   }
   return false;
 }

@@ -40,24 +40,14 @@ std::vector<SlotFacts> FactsOf(const Conversion& conversion) {
   }
   if (!conversion.selected()) return facts;
   const Analysis analysis = Analyse(conversion);
-  const std::vector<LocatorOutcome>* walks[] = {&analysis.rooms[0], &analysis.rooms[1], &analysis.rooms[2],
-                                                &analysis.hpeqs};
-  static_assert(std::size(walks) == 4, "three rooms and the headphone EQ, in block order");
-  // The headphone EQ record that reached its slot last, for its measured curve.
-  const headphoneEq* eq = nullptr;
-  for (const qvrcs::TraceEvent& e : conversion.trace.events) {
-    if (e.kind == qvrcs::TraceKind::kLocator && e.section == qvrcs::SectionId::kHeadphoneEq &&
-        e.status == qvrcs::QVRCS_OK && e.record != nullptr) {
-      eq = static_cast<const headphoneEq*>(e.record);
-    }
-  }
+  const qvrcs::SectionId slots[] = {qvrcs::SectionId::kMultichRoom, qvrcs::SectionId::kFrontRoom,
+                                    qvrcs::SectionId::kWideRoom, qvrcs::SectionId::kHeadphoneEq};
+  static_assert(std::size(slots) == 4, "three rooms and the headphone EQ, in block order");
   for (size_t i = 0; i < facts.size(); ++i) {
     SlotFacts& f = facts[i];
-    const LocatorOutcome* chosen = nullptr;
-    for (const LocatorOutcome& o : *walks[i]) {
-      if (o.status == qvrcs::QVRCS_OK) chosen = &o;
-    }
-    if (!walks[i]->empty() && walks[i]->back().status != qvrcs::QVRCS_OK) f.outcome = walks[i]->back().what;
+    const std::vector<LocatorOutcome>* walk = &analysis.Walk(slots[i]);
+    const LocatorOutcome* chosen = analysis.Chosen(slots[i]);
+    if (!walk->empty() && walk->back().status != qvrcs::QVRCS_OK) f.outcome = walk->back().what;
     if (!conversion.ok()) {
       f.notes.push_back("the conversion fails (premix " + std::to_string(conversion.premixStatus()) + ", postmix " +
                         std::to_string(conversion.postmixStatus()) + "): the configurator would not upload it");
@@ -74,7 +64,9 @@ std::vector<SlotFacts> FactsOf(const Conversion& conversion) {
                         std::to_string(chosen->taps) + " taps per channel");
     }
     f.notes.insert(f.notes.end(), chosen->overruns.begin(), chosen->overruns.end());
-    if (walks[i] == &analysis.hpeqs && eq != nullptr && eq->has_supplementaldata()) {
+    const auto* eq = slots[i] == qvrcs::SectionId::kHeadphoneEq ? static_cast<const headphoneEq*>(chosen->record)
+                                                                 : nullptr;
+    if (eq != nullptr && eq->has_supplementaldata()) {
       const auto& db = eq->supplementaldata().responsedb();
       f.measuredDb.assign(db.begin(), db.end());
     }
@@ -89,10 +81,10 @@ constexpr const char* kStyle =
     ".warning{color:#a50}.note{color:#555}code{font-size:95%}.plot svg{max-width:100%;height:auto}"
     "figure{margin:.5em 0}";
 
+// The slot's outcome as check words it.
 std::string Status(const SlotReport& slot) {
-  if (slot.loaded) return "<span class=\"loaded\">loaded</span>";
-  return "<span class=\"fails\">FAILS</span>: reader " + std::to_string(slot.readerStatus) + ", " +
-         EscapeHtml(slot.meaning);
+  return std::string("<span class=\"") + (slot.outcome == SlotOutcome::kLoaded ? "loaded" : "fails") + "\">" +
+         EscapeHtml(OutcomeText(slot)) + "</span>";
 }
 
 // `svg` with its ids (and the references to them) prefixed, so that the
@@ -111,7 +103,9 @@ std::string UniqueIds(std::string svg, const std::string& prefix) {
 std::string FileSection(const std::string& path, int& figure) {
   LoadedInput loaded;
   std::string error;
-  if (!LoadInput(path, LoadOptions{}, std::cin, loaded, error)) {
+  LoadOptions options;
+  options.format = Format::kBinary;  // named by configurator.cfg: read as the device reads it
+  if (!LoadInput(path, options, std::cin, loaded, error)) {
     return "<p class=\"fails\">" + EscapeHtml(error) + "</p>\n";
   }
   std::string html;

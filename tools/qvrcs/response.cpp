@@ -66,7 +66,7 @@ void Room(const qvrcs::PostmixBlock& block, const qvrcs::SectionInfo& slot, Filt
              std::to_string(Unsigned(block, at + qvrcs::kRoomReverbCut));
 
   const uint64_t expected = uint64_t{pairs} * 2 * length;
-  const size_t room = (slot.size - qvrcs::kRoomCoefs) / 2;
+  const size_t room = qvrcs::RoomValuesHeld(slot.size);
   size_t count = 0;
   if (!r.facts.known) {
     count = static_cast<size_t>(std::min<uint64_t>(expected, room));

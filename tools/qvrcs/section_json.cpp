@@ -55,7 +55,7 @@ Json SectionData(const std::vector<uint8_t>& p, const Row& row) {
                   {"sampleRate", Word(p, at + qvrcs::kRoomSampleRate)},
                   {"reverbGain", Word(p, at + qvrcs::kRoomReverbGain)},
                   {"reverbCut", Word(p, at + qvrcs::kRoomReverbCut)},
-                  {"coefficients", Values(p, at + qvrcs::kRoomCoefs, 16, (s.size - qvrcs::kRoomCoefs) / 2)}};
+                  {"coefficients", Values(p, at + qvrcs::kRoomCoefs, 16, qvrcs::RoomValuesHeld(s.size))}};
     case K::kHeadphoneEq:
       return Json{{"uuid", Uuid(p, at + qvrcs::kHpeqUuid)},
                   {"sampleRate", Word(p, at + qvrcs::kHpeqSampleRate)},
