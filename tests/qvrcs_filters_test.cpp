@@ -221,7 +221,7 @@ TEST_F(FilterCommandTest, PlotSaysWhyAFileCannotBeDrawnInOneLine) {
   run = RunTool({"plot", Write("good.textproto", text), "-o", Path("t.svg")});
   EXPECT_EQ(run.status, 0) << run.err;
   run = RunTool({"plot", good, "-o", Path("x.pdf")});
-  EXPECT_EQ(run.err, "qvrcs: " + Path("x.pdf") + ": the output must end in .svg or .png\n");
+  EXPECT_EQ(run.err, "qvrcs: " + Path("x.pdf") + ": the output must end in .svg or .png, or give --format svg or png\n");
   run = RunTool({"plot", good, good, good, "-o", Path("x.svg")});
   EXPECT_EQ(run.status, qvrcs_tool::kExitUsage);
   run = RunTool({"report", dir(), "-o", Path("r.html")});
@@ -276,7 +276,7 @@ TEST_F(FilterCommandTest, PlotAndReportTakeEveryExampleAndCraftedFailures) {
   // Two files over each other.
   ToolRun run = RunTool({"plot", files[0], files.back(), "hpeq", "front_room", "-o", Path("both.svg")});
   EXPECT_EQ(run.status, qvrcs_tool::kExitOk) << run.err;
-  EXPECT_EQ(run.out, Path("both.svg") + ": 2 sections of two files\n");
+  EXPECT_EQ(run.err, Path("both.svg") + ": 2 sections of two files\n");
 
   WriteConfig(names);
   run = RunTool({"report", dir(), QVR_EXAMPLES_DIR, "-o", Path("report.html")});
