@@ -204,33 +204,6 @@ class FilterCommandTest : public qvr_test::ScratchDirTest {
   }
 };
 
-TEST_F(FilterCommandTest, PlotSaysWhyAFileCannotBeDrawnInOneLine) {
-  const std::string cut = Write("cut.bin", std::string("\x0a\x05", 2));
-  ToolRun run = RunTool({"plot", cut, "-o", Path("x.svg")});
-  EXPECT_EQ(run.status, qvrcs_tool::kExitBadInput);
-  EXPECT_EQ(run.err, "qvrcs: " + cut +
-                         ": does not parse as a tuning file (truncated, or not a tuning file); not device-side data "
-                         "either (2 bytes)\n");
-  run = RunTool({"plot", Path("missing.bin"), "-o", Path("x.png")});
-  EXPECT_EQ(run.err, "qvrcs: " + Path("missing.bin") + ": cannot open: No such file or directory\n");
-  const Qvrcs room = RoomTuning(Concat({Impulse(0), Impulse(1)}), 1);
-  const std::string good = WriteTuning("good.bin", room);
-  // A text tuning file is drawn as its binary form is.
-  std::string text;
-  ASSERT_TRUE(google::protobuf::TextFormat::PrintToString(room, &text));
-  run = RunTool({"plot", Write("good.textproto", text), "-o", Path("t.svg")});
-  EXPECT_EQ(run.status, 0) << run.err;
-  run = RunTool({"plot", good, "-o", Path("x.pdf")});
-  EXPECT_EQ(run.err, "qvrcs: " + Path("x.pdf") + ": the output must end in .svg or .png, or give --format svg or png\n");
-  run = RunTool({"plot", good, good, good, "-o", Path("x.svg")});
-  EXPECT_EQ(run.status, qvrcs_tool::kExitUsage);
-  run = RunTool({"report", dir(), "-o", Path("r.html")});
-  EXPECT_EQ(run.status, qvrcs_tool::kExitBadInput);
-  EXPECT_EQ(std::count(run.err.begin(), run.err.end(), '\n'), 1) << run.err;
-  // Nothing is left behind by the failures: the two inputs and the one drawing.
-  EXPECT_EQ(std::distance(fs::directory_iterator(dir()), fs::directory_iterator()), 4);
-}
-
 TEST_F(FilterCommandTest, PlotAndReportTakeEveryExampleAndCraftedFailures) {
   std::vector<std::string> files;
   for (const auto& entry : fs::directory_iterator(QVR_EXAMPLES_DIR)) {
