@@ -471,10 +471,12 @@ int EncodeCommand(const EncodeOptions& o, const Streams& s) {
 constexpr const char* kExitStatusText =
     "Exit status: 0 success; 1 check found a failing slot, a slot that uploads a blank block or a warning, diff\n"
     "found differences, or explain or convert found a file the configurator would not upload (convert: or\n"
-    "uploads blank); 2 bad command line; 3 an input is missing, unreadable or of the wrong kind.\n"
-    "FILE may be \"-\" for standard input, and -o - writes to standard output. Tuning files are taken in their\n"
+    "uploads blank); 2 bad command line; 3 an input is missing, unreadable or of the wrong kind, or an output\n"
+    "cannot be written. FILE may be \"-\" for standard input, and -o - writes to standard output. An output that\n"
+    "is a regular file (or a new name) is written whole or not at all, and never over an input; a device, FIFO\n"
+    "or /dev/stdout is written in place; links are followed and stay links. Tuning files are taken in their\n"
     "binary form, in protobuf text format or as the JSON of dump --json, recognised by content (--format).\n"
-    "explain and diff also take device-side data: a 61664-byte payload, a 61680-byte upload captured from the\n"
+    "explain, diff and plot also take device-side data: a 61664-byte payload, a 61680-byte upload captured from the\n"
     "driver and a 369984-byte dump of the driver cache (--block N).";
 
 // Edit distance, for suggesting the command meant.
@@ -535,7 +537,7 @@ int RunCommands(const std::vector<std::string>& args, Streams& s) {
       ->required();
   checkCmd->add_flag("--json", check.json, "one JSON document");
   checkCmd->add_flag("--jsonl", check.jsonl, "one JSON line per slot, in input order");
-  checkCmd->add_option("-j,--jobs", check.batch.jobs, "inputs checked in parallel (default: all cores)")
+  checkCmd->add_option("-j,--jobs", check.batch.jobs, "inputs checked at once, on as many threads (default: all cores)")
       ->check(CLI::Range(1u, kMaxJobs));
   checkCmd->add_option("--device-path", check.batch.devicePath,
                        "the search path the configurator is given on the device")
