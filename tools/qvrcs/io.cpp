@@ -90,7 +90,6 @@ bool SameFile(const std::string& a, const std::string& b) {
   return sa.st_dev == sb.st_dev && sa.st_ino == sb.st_ino;
 }
 
-
 // The folder part of `path`, with its slash ("" for a bare name).
 std::string FolderOf(const std::string& path) {
   const size_t slash = path.rfind('/');
@@ -185,18 +184,17 @@ bool ReplaceFile(const Target& target, const std::string& bytes, std::string& er
     error = std::string("cannot write: ") + std::strerror(errno);
     return false;
   }
-  // Root replacing another's file leaves it theirs.
+  // An existing file keeps its owner where this process may give it (root may).
   if (target.exists && (target.info.st_uid != geteuid() || target.info.st_gid != getegid()) &&
       fchown(file.fd, target.info.st_uid, target.info.st_gid) == 0) {
     fchmod(file.fd, target.info.st_mode & 07777);  // chown clears set-id bits
   }
-  bool ok = WriteAll(file.fd, bytes.data(), bytes.size()) && fsync(file.fd) == 0;
-  const int saved = errno;
+  int failure = WriteAll(file.fd, bytes.data(), bytes.size()) && fsync(file.fd) == 0 ? 0 : errno;
   const int fd = file.fd;
   file.fd = -1;
-  ok = close(fd) == 0 && ok;
-  if (ok && rename(temp.c_str(), target.path.c_str()) == 0) return true;
-  error = std::string("cannot write: ") + std::strerror(ok ? errno : saved);
+  if (close(fd) != 0 && failure == 0) failure = errno;
+  if (failure == 0 && rename(temp.c_str(), target.path.c_str()) == 0) return true;
+  error = std::string("cannot write: ") + std::strerror(failure != 0 ? failure : errno);
   unlink(temp.c_str());
   return false;
 }
@@ -303,24 +301,26 @@ bool WriteOutput(const std::string& path, const std::string& bytes, const std::v
                  std::string& error) {
   Target target;
   if (Refused(path, inputs, error) || !Resolve(path, target, error)) return false;
-  bool ok = false;
+  int failure = 0;
   switch (target.kind) {
     case Target::kDescriptor:
-      ok = WriteAll(target.fd, bytes.data(), bytes.size());
+      failure = WriteAll(target.fd, bytes.data(), bytes.size()) ? 0 : errno;
       break;
     case Target::kInPlace: {
-      Fd file{open(target.path.c_str(), O_WRONLY | O_NOCTTY | O_CLOEXEC)};
-      ok = file.fd >= 0 && WriteAll(file.fd, bytes.data(), bytes.size());
-      const int fd = file.fd;
-      file.fd = -1;
-      ok = (fd < 0 || close(fd) == 0) && ok;
+      const int fd = open(target.path.c_str(), O_WRONLY | O_NOCTTY | O_CLOEXEC);
+      if (fd < 0) {
+        failure = errno;
+        break;
+      }
+      failure = WriteAll(fd, bytes.data(), bytes.size()) ? 0 : errno;
+      if (close(fd) != 0 && failure == 0) failure = errno;
       break;
     }
     case Target::kFile:
       return ReplaceFile(target, bytes, error);
   }
-  if (!ok) error = std::string("cannot write: ") + std::strerror(errno);
-  return ok;
+  if (failure != 0) error = std::string("cannot write: ") + std::strerror(failure);
+  return failure == 0;
 }
 
 }  // namespace qvrcs_tool
