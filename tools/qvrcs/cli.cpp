@@ -476,8 +476,8 @@ constexpr const char* kExitStatusText =
     "is a regular file (or a new name) is written whole or not at all, and never over an input; a device, FIFO\n"
     "or /dev/stdout is written in place; links are followed and stay links. Tuning files are taken in their\n"
     "binary form, in protobuf text format or as the JSON of dump --json, recognised by content (--format).\n"
-    "explain, diff and plot also take device-side data: a 61664-byte payload, a 61680-byte upload captured from the\n"
-    "driver and a 369984-byte dump of the driver cache (--block N).";
+    "explain, diff and plot also take device-side data: a 61664-byte payload, a 61680-byte upload captured\n"
+    "from the driver and a 369984-byte dump of the driver cache (--block N).";
 
 // Edit distance, for suggesting the command meant.
 size_t Distance(const std::string& a, const std::string& b) {
