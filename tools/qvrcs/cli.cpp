@@ -633,6 +633,7 @@ int RunCommands(const std::vector<std::string>& args, Streams& s) {
 
 int Run(const std::vector<std::string>& args, std::istream& in, std::ostream& out, std::ostream& err) {
   Streams s{in, out, err};
+  QuietProtobufLog();  // the tool says what is wrong itself, in its own words
   int status = kExitBadInput;
   // Our own code throws nothing; the libraries (allocation, CLI11, JSON) may.
   try {
