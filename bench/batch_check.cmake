@@ -1,6 +1,6 @@
 # qvrcs check on 1,000 generated six-slot search paths in one run, against
 # bare_parse reading and parsing the same 6,000 files in one run; and the
-# same check with two and more worker processes. Not a test:
+# same check on two threads. Not a test:
 # scripts/bench-batch-check.sh runs it.
 add_executable(batch_check_bench ${CMAKE_CURRENT_LIST_DIR}/batch_check_bench.cpp)
 target_include_directories(batch_check_bench PRIVATE ${PROJECT_SOURCE_DIR})

@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
 # Installs what is needed, builds, and runs the whole test suite: as is,
-# under AddressSanitizer + UndefinedBehaviorSanitizer, on arm64 and armhf
-# under emulation, and against the reference driver in virtual machines.
+# under AddressSanitizer + UndefinedBehaviorSanitizer (and qvrcs's threaded
+# check under ThreadSanitizer), on arm64 and armhf under emulation, and
+# against the reference driver in virtual machines.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 bash scripts/install-deps.sh
@@ -23,6 +24,13 @@ cmake -S . -B build-asan -DCMAKE_BUILD_TYPE=Debug -DQVR_SANITIZE=ON -DQVR_BUILD_
 cmake --build build-asan -j"$jobs"
 ASAN_OPTIONS=verify_asan_link_order=0:detect_leaks=1 \
   ctest --test-dir build-asan --output-on-failure -j"$jobs"
+
+# qvrcs check on threads under ThreadSanitizer: only the tool's output test
+# (and what it links) is built, and only its threaded check runs.
+cmake -S . -B build-tsan -DCMAKE_BUILD_TYPE=RelWithDebInfo -DQVR_SANITIZE_THREAD=ON -DQVR_BUILD_BENCHMARKS=OFF
+cmake --build build-tsan -j"$jobs" --target qvrcs_output_test
+TSAN_OPTIONS=halt_on_error=1:second_deadlock_stack=1 \
+  build-tsan/tests/qvrcs_output_test --gtest_filter='*OnThreads*'
 
 # The device architectures: cross builds whose suite runs under qemu, the
 # example set's requests compared with this host's, the clang platform-flags

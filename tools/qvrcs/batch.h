@@ -1,9 +1,8 @@
 // `qvrcs check` over many inputs in one run: each a search path (a folder
 // with its configurator.cfg) or a single tuning file checked as one slot
-// would be. Inputs are checked by up to `jobs` worker processes (the
-// configurator's reader logs through the process's standard error, which a
-// check captures, so workers are processes, not threads) and handed back in
-// input order.
+// would be. Inputs are checked by up to `jobs` threads (the configurator's
+// reader and converters keep no state between calls and log through the
+// sink each check gives them) and handed back in input order.
 #pragma once
 
 #include <functional>
@@ -15,6 +14,9 @@
 #include "tools/qvrcs/inputs.h"
 
 namespace qvrcs_tool {
+
+// The most inputs checked at once (check -j).
+constexpr unsigned kMaxJobs = 256;
 
 struct CheckedInput {
   std::string input;      // as given
@@ -29,13 +31,13 @@ struct BatchOptions {
   unsigned jobs = 1;
 };
 
-// Checks every input; `done` is called once per input, in input order, as
-// soon as it and every input before it are checked. `in` is standard input
-// for the input "-" (a single file).
+// Checks every input; `done` is called once per input, in input order, on
+// the calling thread, as soon as it and every input before it are checked.
+// `in` is standard input for the input "-" (a single file).
 void CheckInputs(const std::vector<std::string>& inputs, const BatchOptions& options, std::istream& in,
                  const std::function<void(const CheckedInput&)>& done);
 
-// Checks one input in this process.
+// Checks one input on this thread.
 CheckedInput CheckInput(const std::string& input, const BatchOptions& options, std::istream& in);
 
 }  // namespace qvrcs_tool

@@ -13,6 +13,7 @@
 #include "configurator/payload.h"
 #include "qvrcs/qvrcs.h"
 #include "tools/qvrcs/analysis.h"
+#include "tools/qvrcs/batch.h"
 #include "tools/qvrcs/check_command.h"
 #include "tools/qvrcs/command.h"
 #include "tools/qvrcs/explain.h"
@@ -26,21 +27,6 @@
 namespace qvrcs_tool {
 namespace {
 
-// Writes `bytes` to `path`: "-" is standard output, anything else is written
-// through a temporary file and never onto one of `inputs`.
-bool Emit(const std::string& path, const std::string& bytes, const std::vector<std::string>& inputs,
-          const Streams& s) {
-  if (path == "-") {
-    s.out.write(bytes.data(), static_cast<std::streamsize>(bytes.size()));
-    s.out.flush();
-    return true;
-  }
-  std::string error;
-  if (WriteAtomically(path, bytes, inputs, error)) return true;
-  s.Error(Shown(path), error);
-  return false;
-}
-
 // Reads one input as `options` say; false after a one-line error.
 bool Load(const std::string& path, const LoadOptions& options, LoadedInput& loaded, const Streams& s) {
   std::string error;
@@ -49,11 +35,14 @@ bool Load(const std::string& path, const LoadOptions& options, LoadedInput& load
   return false;
 }
 
-// --format, or a usage error.
-bool FormatOption(const std::string& name, Format& format, const Streams& s) {
-  if (ParseFormat(name, format)) return true;
-  s.Error("", "--format takes auto, binary, text or json, not \"" + name + "\"");
-  return false;
+// The --format of a tuning file's form, checked on the command line (a usage error).
+CLI::Validator TuningFormat() {
+  return CLI::Validator(
+      [](std::string& name) {
+        Format format = Format::kAuto;
+        return ParseFormat(name, format) ? std::string() : "takes auto, binary, text or json, not \"" + name + "\"";
+      },
+      "auto|binary|text|json");
 }
 
 std::string StatusLine(int32_t status) {
@@ -170,7 +159,8 @@ struct ViewOptions {
     LoadOptions options;
     options.deviceSide = payload;
     options.block = block;
-    return FormatOption(format, options.format, s) && qvrcs_tool::Load(path, options, loaded, s);
+    ParseFormat(format, options.format);  // checked on the command line
+    return qvrcs_tool::Load(path, options, loaded, s);
   }
 };
 
@@ -298,7 +288,8 @@ struct TuningOptions {
   bool Load(const std::string& path, LoadedInput& loaded, const Streams& s) const {
     LoadOptions options;
     options.tuningOnly = true;
-    return FormatOption(format, options.format, s) && qvrcs_tool::Load(path, options, loaded, s);
+    ParseFormat(format, options.format);  // checked on the command line
+    return qvrcs_tool::Load(path, options, loaded, s);
   }
 };
 
@@ -321,7 +312,7 @@ int ConvertCommand(const ConvertOptions& o, const Streams& s) {
     return kExitBadInput;
   }
   Format format = Format::kAuto;
-  if (!FormatOption(o.tuning.format, format, s)) return kExitUsage;
+  ParseFormat(o.tuning.format, format);  // checked on the command line
   std::string readerPath;
   TempFile copy;
   if (!ReaderInput(o.file, bytes, format, copy, readerPath, error)) {
@@ -341,7 +332,7 @@ int ConvertCommand(const ConvertOptions& o, const Streams& s) {
     problem = kUnparsableTuning + (error.empty() ? "" : "\n  " + Located(Shown(o.file), error));
   }
   const bool write = conversion.readerStatus == 0;
-  if (write && !Emit(o.output, std::string(run.payload.begin(), run.payload.end()), {o.file}, s)) {
+  if (write && !s.Output(o.output, std::string(run.payload.begin(), run.payload.end()), {o.file})) {
     return kExitBadInput;
   }
   if (o.json) {
@@ -399,7 +390,7 @@ int DumpCommand(const DumpOptions& o, const Streams& s) {
     }
   }
   if (message.ByteSizeLong() == 0) s.Error(Shown(o.file), "note: an empty message, no field is set");
-  return Emit(o.output.empty() ? "-" : o.output, text, {o.file}, s) ? kExitOk : kExitBadInput;
+  return s.Output(o.output.empty() ? "-" : o.output, text, {o.file}) ? kExitOk : kExitBadInput;
 }
 
 struct EncodeOptions {
@@ -422,7 +413,7 @@ int EncodeCommand(const EncodeOptions& o, const Streams& s) {
     return kExitBadInput;
   }
   if (bytes.empty()) s.Error(Shown(o.text), "note: an empty message: the tuning file written is 0 bytes");
-  if (!Emit(o.output, bytes, {o.text}, s)) return kExitBadInput;
+  if (!s.Output(o.output, bytes, {o.text})) return kExitBadInput;
   if (o.json) {
     Json j = Document("encode");
     j["text"] = o.text;
@@ -440,11 +431,13 @@ int EncodeCommand(const EncodeOptions& o, const Streams& s) {
 constexpr const char* kExitStatusText =
     "Exit status: 0 success; 1 check found a failing slot, a slot that uploads a blank block or a warning, diff\n"
     "found differences, or explain or convert found a file the configurator would not upload (convert: or\n"
-    "uploads blank); 2 bad command line; 3 an input is missing, unreadable or of the wrong kind.\n"
-    "FILE may be \"-\" for standard input, and -o - writes to standard output. Tuning files are taken in their\n"
+    "uploads blank); 2 bad command line; 3 an input is missing, unreadable or of the wrong kind, or an output\n"
+    "cannot be written. FILE may be \"-\" for standard input, and -o - writes to standard output. An output that\n"
+    "is a regular file (or a new name) is written whole or not at all, and never over an input; a device, FIFO\n"
+    "or /dev/stdout is written in place; links are followed and stay links. Tuning files are taken in their\n"
     "binary form, in protobuf text format or as the JSON of dump --json, recognised by content (--format).\n"
-    "explain and diff also take device-side data: a 61664-byte payload, a 61680-byte upload captured from the\n"
-    "driver and a 369984-byte dump of the driver cache (--block N).";
+    "explain, diff and plot also take device-side data: a 61664-byte payload, a 61680-byte upload captured\n"
+    "from the driver and a 369984-byte dump of the driver cache (--block N).";
 
 // Edit distance, for suggesting the command meant.
 size_t Distance(const std::string& a, const std::string& b) {
@@ -483,7 +476,7 @@ bool KnownCommand(const CLI::App& app, const std::vector<std::string>& args, con
   return true;
 }
 
-unsigned AllCores() { return std::max(1u, std::thread::hardware_concurrency()); }
+unsigned AllCores() { return std::min(kMaxJobs, std::max(1u, std::thread::hardware_concurrency())); }
 
 int RunCommands(const std::vector<std::string>& args, Streams& s) {
   CLI::App app{"Checks, explains, converts, diffs, dumps and encodes tuning files with the configurator's own "
@@ -504,12 +497,13 @@ int RunCommands(const std::vector<std::string>& args, Streams& s) {
       ->required();
   checkCmd->add_flag("--json", check.json, "one JSON document");
   checkCmd->add_flag("--jsonl", check.jsonl, "one JSON line per slot, in input order");
-  checkCmd->add_option("-j,--jobs", check.batch.jobs, "inputs checked in parallel (default: all cores)")
-      ->check(CLI::PositiveNumber);
+  checkCmd->add_option("-j,--jobs", check.batch.jobs, "inputs checked at once, on as many threads (default: all cores)")
+      ->check(CLI::Range(1u, kMaxJobs));
   checkCmd->add_option("--device-path", check.batch.devicePath,
                        "the search path the configurator is given on the device")
       ->capture_default_str();
-  checkCmd->add_option("--format", check.format, "single tuning files: auto, binary, text or json");
+  checkCmd->add_option("--format", check.format, "single tuning files: auto, binary, text or json")
+      ->check(TuningFormat());
   checkCmd->add_flag("--warnings-ok", check.warningsOk, "exit 0 when every slot loads, even with warnings");
   checkCmd->add_flag("-v,--verbose", check.verbose, "show the reader's log lines and notes");
   checkCmd->get_option("--json")->excludes("--jsonl");
@@ -517,7 +511,7 @@ int RunCommands(const std::vector<std::string>& args, Streams& s) {
   auto addViewOptions = [](CLI::App* cmd, ViewOptions& view) {
     cmd->add_flag("--payload", view.payload, "take the input as device-side data (payload, upload or cache dump)");
     cmd->add_option("--block", view.block, "the block of a driver cache dump, 0 to 5")->check(CLI::Range(0, 5));
-    cmd->add_option("--format", view.format, "tuning files: auto, binary, text or json");
+    cmd->add_option("--format", view.format, "tuning files: auto, binary, text or json")->check(TuningFormat());
   };
 
   ExplainOptions explain;
@@ -538,21 +532,23 @@ int RunCommands(const std::vector<std::string>& args, Streams& s) {
   CLI::App* convertCmd = app.add_subcommand("convert", "Write the 61664-byte payload the configurator uploads");
   convertCmd->add_option("FILE", convert.file, "tuning file")->required();
   convertCmd->add_option("-o,--output", convert.output, "payload file to write, - for standard output")->required();
-  convertCmd->add_option("--format", convert.tuning.format, "auto, binary, text or json");
+  convertCmd->add_option("--format", convert.tuning.format, "auto, binary, text or json")->check(TuningFormat());
   convertCmd->add_flag("--json", convert.json, "one JSON document");
 
   DumpOptions dump;
   CLI::App* dumpCmd = app.add_subcommand("dump", "Print a tuning file in protobuf text format");
   dumpCmd->add_option("FILE", dump.file, "tuning file")->required();
   dumpCmd->add_option("-o,--output", dump.output, "write the text here instead of standard output");
-  dumpCmd->add_option("--format", dump.tuning.format, "the input's form: auto, binary, text or json");
+  dumpCmd->add_option("--format", dump.tuning.format, "the input's form: auto, binary, text or json")
+      ->check(TuningFormat());
   dumpCmd->add_flag("--json", dump.json, "print the message as JSON instead of text format");
 
   EncodeOptions encode;
   CLI::App* encodeCmd = app.add_subcommand("encode", "Encode a text-format or JSON tuning file into its binary form");
   encodeCmd->add_option("TEXT", encode.text, "text-format or JSON tuning file")->required();
   encodeCmd->add_option("-o,--output", encode.output, "tuning file to write, - for standard output")->required();
-  encodeCmd->add_option("--format", encode.tuning.format, "the input's form: auto, text or json");
+  encodeCmd->add_option("--format", encode.tuning.format, "the input's form: auto, text or json")
+      ->check(TuningFormat());
   encodeCmd->add_flag("--json", encode.json, "one JSON document");
 
   FilterCommands filters;
@@ -589,7 +585,7 @@ int RunCommands(const std::vector<std::string>& args, Streams& s) {
   if (diffCmd->parsed()) return DiffCommand(diff, s);
   if (convertCmd->parsed()) return ConvertCommand(convert, s);
   if (dumpCmd->parsed()) return DumpCommand(dump, s);
-  if (const int status = RunFilterCommands(filters, s.out, s.err); status >= 0) return status;
+  if (const int status = RunFilterCommands(filters, s); status >= 0) return status;
   return EncodeCommand(encode, s);
 }
 
@@ -597,13 +593,16 @@ int RunCommands(const std::vector<std::string>& args, Streams& s) {
 
 int Run(const std::vector<std::string>& args, std::istream& in, std::ostream& out, std::ostream& err) {
   Streams s{in, out, err};
+  QuietProtobufLog();  // the tool says what is wrong itself, in its own words
+  int status = kExitBadInput;
   // Our own code throws nothing; the libraries (allocation, CLI11, JSON) may.
   try {
-    return RunCommands(args, s);
+    status = RunCommands(args, s);
   } catch (const std::exception& e) {
     s.Error("", std::string("internal error: ") + e.what());
-    return kExitBadInput;
   }
+  // Whatever the command found, output that did not arrive is the failure to say.
+  return s.Flush() ? status : kExitBadInput;
 }
 
 }  // namespace qvrcs_tool

@@ -1,6 +1,10 @@
 #include "tools/qvrcs/command.h"
 
+#include <cerrno>
 #include <cstdio>
+#include <cstring>
+
+#include "tools/qvrcs/io.h"
 
 namespace qvrcs_tool {
 namespace {
@@ -58,6 +62,47 @@ void Streams::Error(const std::string& subject, const std::string& what) const {
 
 void Streams::Status(const std::string& line) const {
   if (!quiet) err << line << "\n";
+}
+
+bool Streams::Flush() const {
+  if (out.flush()) return true;
+  if (!writeErrorSaid) {
+    const auto* buffer = dynamic_cast<const DescriptorOutput*>(out.rdbuf());
+    Error("-", std::string("cannot write: ") +
+                   (buffer != nullptr && buffer->error() != 0 ? std::strerror(buffer->error()) : "write error"));
+  }
+  writeErrorSaid = true;
+  return false;
+}
+
+bool Streams::Output(const std::string& path, const std::string& bytes, const std::vector<std::string>& inputs) const {
+  if (path == "-") {
+    out.write(bytes.data(), static_cast<std::streamsize>(bytes.size()));
+    return Flush();
+  }
+  // What this command wrote before goes first, should the output be standard output too.
+  if (!Flush()) return false;
+  std::string error;
+  if (WriteOutput(path, bytes, inputs, error)) return true;
+  Error(Shown(path), error);
+  return false;
+}
+
+DescriptorOutput::int_type DescriptorOutput::overflow(int_type ch) {
+  if (sync() != 0) return traits_type::eof();
+  if (!traits_type::eq_int_type(ch, traits_type::eof())) {
+    *pptr() = traits_type::to_char_type(ch);
+    pbump(1);
+  }
+  return traits_type::not_eof(ch);
+}
+
+int DescriptorOutput::sync() {
+  const size_t size = static_cast<size_t>(pptr() - pbase());
+  setp(buffer_, buffer_ + sizeof buffer_);
+  if (error_ != 0) return -1;
+  if (size > 0 && !WriteAll(fd_, buffer_, size)) error_ = errno;
+  return error_ != 0 ? -1 : 0;
 }
 
 bool ValidUtf8(const std::string& text) {

@@ -6,7 +6,9 @@
 #include <istream>
 #include <nlohmann/json.hpp>
 #include <ostream>
+#include <streambuf>
 #include <string>
+#include <vector>
 
 namespace qvrcs_tool {
 
@@ -25,6 +27,33 @@ struct Streams {
   void Error(const std::string& subject, const std::string& what) const;
   // A status line on the error stream, unless quiet.
   void Status(const std::string& line) const;
+  // Writes `bytes` to the output `path`: "-" is `out`, anything else goes
+  // through WriteOutput (io.h), after what `out` holds so far. False after
+  // the error line ("qvrcs: -: cannot write: No space left on device").
+  bool Output(const std::string& path, const std::string& bytes, const std::vector<std::string>& inputs) const;
+  // Flushes `out`; false after the error line when anything written to it
+  // was lost. Once said, a write error is not said again.
+  bool Flush() const;
+
+  mutable bool writeErrorSaid = false;
+};
+
+// Standard output for the tool: a buffer over a descriptor that keeps the
+// reason of the first failed write (a stream keeps only that one failed).
+class DescriptorOutput : public std::streambuf {
+ public:
+  explicit DescriptorOutput(int fd) : fd_(fd) { setp(buffer_, buffer_ + sizeof buffer_); }
+  ~DescriptorOutput() override { sync(); }
+  int error() const { return error_; }  // errno of the first failed write, 0 when none failed
+
+ protected:
+  int_type overflow(int_type ch) override;
+  int sync() override;
+
+ private:
+  int fd_;
+  int error_ = 0;
+  char buffer_[1 << 16];
 };
 
 // A new document: {"format": 1, "command": command}.

@@ -6,6 +6,7 @@
 
 #include <algorithm>
 #include <cstring>
+#include <nlohmann/json.hpp>
 
 #include "configurator/korva_driver.h"
 #include "configurator/payload.h"
@@ -98,13 +99,38 @@ int HexDigit(char c) {
   return -1;
 }
 
+// The first JSON syntax error in `bytes` as "line:column: what" (1-based), or
+// "" when it is JSON. The protobuf parser's own account is several lines and
+// locates no line.
+std::string JsonSyntaxError(const std::string& bytes) {
+  try {
+    const nlohmann::json parsed = nlohmann::json::parse(bytes);
+    return parsed.is_discarded() ? "1:1: does not parse as JSON" : std::string();
+  } catch (const nlohmann::json::parse_error& e) {
+    // e.byte: the 1-based offset of the byte last read.
+    const size_t at = std::min(bytes.size(), e.byte > 0 ? e.byte - 1 : 0);
+    const size_t lineStart = at == 0 ? 0 : bytes.rfind('\n', at - 1) + 1;  // npos + 1: the first line
+    const size_t line = 1 + static_cast<size_t>(std::count(bytes.begin(), bytes.begin() + static_cast<long>(at), '\n'));
+    std::string what = e.what();
+    const size_t column = what.find(", column ");
+    const size_t colon = column == std::string::npos ? std::string::npos : what.find(": ", column);
+    if (colon != std::string::npos) what.erase(0, colon + 2);
+    return std::to_string(line) + ":" + std::to_string(at - lineStart + 1) + ": " + what;
+  }
+}
+
 bool ParseJson(const std::string& bytes, Qvrcs& message, std::string& error) {
   const auto status = google::protobuf::util::JsonStringToMessage(bytes, &message);
   if (status.ok()) {
     UnescapeStringsFromJson(message);
     return true;
   }
-  error = "does not parse as a JSON tuning file: " + std::string(status.message());
+  error = JsonSyntaxError(bytes);
+  if (!error.empty()) return false;
+  // Valid JSON that is not a tuning message: the field path says where.
+  std::string what(status.message());
+  std::replace(what.begin(), what.end(), '\n', ' ');
+  error = "does not parse as a JSON tuning file: " + what;
   return false;
 }
 

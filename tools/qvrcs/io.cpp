@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <climits>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -89,6 +90,115 @@ bool SameFile(const std::string& a, const std::string& b) {
   return sa.st_dev == sb.st_dev && sa.st_ino == sb.st_ino;
 }
 
+// The folder part of `path`, with its slash ("" for a bare name).
+std::string FolderOf(const std::string& path) {
+  const size_t slash = path.rfind('/');
+  return slash == std::string::npos ? std::string() : path.substr(0, slash + 1);
+}
+
+// Where an output lands.
+struct Target {
+  enum Kind { kFile, kInPlace, kDescriptor } kind = kFile;
+  std::string path;            // kFile: the regular file to replace or create; kInPlace: the node
+  int fd = -1;                 // kDescriptor
+  bool exists = false;         // kFile
+  struct stat info {};         // kFile, when it exists
+};
+
+// The descriptor of this process that `path` names (/dev/fd/N and
+// /proc/self/fd/N, /dev/std* through their links), or -1.
+int DescriptorNamed(const std::string& path) {
+  const size_t slash = path.rfind('/');
+  if (slash == std::string::npos || slash + 1 == path.size()) return -1;
+  const std::string name = path.substr(slash + 1);
+  if (name.size() > 9 || name.find_first_not_of("0123456789") != std::string::npos) return -1;
+  char* folder = realpath(path.substr(0, slash + 1).c_str(), nullptr);
+  if (folder == nullptr) return -1;
+  const std::string resolved = folder;
+  std::free(folder);
+  const std::string own = "/proc/" + std::to_string(getpid());
+  const bool fds = resolved == own + "/fd" || (resolved.rfind(own + "/task/", 0) == 0 &&
+                                                resolved.size() > 3 && resolved.compare(resolved.size() - 3, 3, "/fd") == 0);
+  return fds ? std::atoi(name.c_str()) : -1;
+}
+
+// Follows `path` through its links to what writing it would write.
+bool Resolve(const std::string& path, Target& target, std::string& error) {
+  std::string at = path;
+  for (int links = 0;; ++links) {
+    target.fd = DescriptorNamed(at);
+    if (target.fd >= 0) {
+      target.kind = Target::kDescriptor;
+      return true;
+    }
+    struct stat info {};
+    if (lstat(at.c_str(), &info) != 0) {
+      if (errno != ENOENT) break;
+      target.kind = Target::kFile;
+      target.path = at;
+      return true;
+    }
+    if (S_ISLNK(info.st_mode)) {
+      std::string link(PATH_MAX, '\0');
+      const ssize_t n = links < 40 ? readlink(at.c_str(), link.data(), link.size()) : (errno = ELOOP, -1);
+      if (n < 0) break;
+      link.resize(static_cast<size_t>(n));
+      at = link[0] == '/' ? link : FolderOf(at) + link;
+      continue;
+    }
+    if (S_ISDIR(info.st_mode)) {
+      error = "is a directory, not a file";
+      return false;
+    }
+    target.kind = S_ISREG(info.st_mode) ? Target::kFile : Target::kInPlace;
+    target.path = at;
+    target.exists = true;
+    target.info = info;
+    return true;
+  }
+  error = std::string("cannot write: ") + std::strerror(errno);
+  return false;
+}
+
+// Whether `path` is refused as an output; the reason in `error`.
+bool Refused(const std::string& path, const std::vector<std::string>& inputs, std::string& error) {
+  if (path.empty()) {
+    error = "empty file name";
+    return true;
+  }
+  for (const std::string& input : inputs) {
+    if (input != "-" && (input == path || SameFile(input, path))) {
+      error = "is also an input: refusing to write over it";
+      return true;
+    }
+  }
+  return false;
+}
+
+// Writes the regular file of `target` whole: a temporary file beside it,
+// synced and renamed onto it.
+bool ReplaceFile(const Target& target, const std::string& bytes, std::string& error) {
+  std::string temp = FolderOf(target.path) + ".qvrcs-XXXXXX";
+  Fd file{NewFile(temp, target.exists ? target.info.st_mode & 07777 : NewFileMode())};
+  if (file.fd < 0) {
+    error = std::string("cannot write: ") + std::strerror(errno);
+    return false;
+  }
+  // An existing file keeps its owner where this process may give it (root may).
+  if (target.exists && (target.info.st_uid != geteuid() || target.info.st_gid != getegid()) &&
+      fchown(file.fd, target.info.st_uid, target.info.st_gid) == 0) {
+    fchmod(file.fd, target.info.st_mode & 07777);  // chown clears set-id bits
+  }
+  int failure = WriteAll(file.fd, bytes.data(), bytes.size()) && fsync(file.fd) == 0 ? 0 : errno;
+  const int fd = file.fd;
+  file.fd = -1;
+  if (close(fd) != 0 && failure == 0) failure = errno;
+  if (failure == 0 && rename(temp.c_str(), target.path.c_str()) == 0) return true;
+  error = std::string("cannot write: ") + std::strerror(failure != 0 ? failure : errno);
+  unlink(temp.c_str());
+  return false;
+}
+
 }  // namespace
 
 std::string Shown(const std::string& path) { return path.empty() ? "\"\"" : path; }
@@ -146,12 +256,6 @@ bool ReadStream(std::istream& in, std::string& bytes, std::string& error) {
   return true;
 }
 
-std::string TemporaryNear(const std::string& path) {
-  std::string name = path + ".XXXXXX";
-  const Fd file{NewFile(name, NewFileMode())};
-  return file.fd < 0 ? std::string() : name;
-}
-
 bool ReadInput(const std::string& path, std::istream& in, std::string& bytes, std::string& error) {
   return path == "-" ? ReadStream(in, bytes, error) : ReadRegularFile(path, bytes, error);
 }
@@ -169,11 +273,18 @@ bool TempFile::Write(const std::string& bytes, std::string& error) {
     return false;
   }
   path_ = name;
-  for (size_t done = 0; done < bytes.size();) {
-    const ssize_t n = write(file.fd, bytes.data() + done, bytes.size() - done);
+  if (WriteAll(file.fd, bytes.data(), bytes.size())) return true;
+  error = std::string("cannot write a temporary file: ") + std::strerror(errno);
+  return false;
+}
+
+bool WriteAll(int fd, const char* data, size_t size) {
+  for (size_t done = 0; done < size;) {
+    const ssize_t n = write(fd, data + done, size - done);
     if (n < 0 && errno == EINTR) continue;
-    if (n <= 0) {
-      error = std::string("cannot write a temporary file: ") + std::strerror(errno);
+    if (n < 0) return false;
+    if (n == 0) {
+      errno = EIO;
       return false;
     }
     done += static_cast<size_t>(n);
@@ -181,46 +292,35 @@ bool TempFile::Write(const std::string& bytes, std::string& error) {
   return true;
 }
 
-bool WriteAtomically(const std::string& path, const std::string& bytes, const std::vector<std::string>& inputs,
-                     std::string& error) {
-  if (path.empty()) {
-    error = "empty file name";
-    return false;
-  }
-  for (const std::string& input : inputs) {
-    if (input == path || SameFile(input, path)) {
-      error = "is also an input: refusing to write over it";
-      return false;
+bool CheckOutput(const std::string& path, const std::vector<std::string>& inputs, std::string& error) {
+  Target target;
+  return Refused(path, inputs, error) ? false : Resolve(path, target, error);
+}
+
+bool WriteOutput(const std::string& path, const std::string& bytes, const std::vector<std::string>& inputs,
+                 std::string& error) {
+  Target target;
+  if (Refused(path, inputs, error) || !Resolve(path, target, error)) return false;
+  int failure = 0;
+  switch (target.kind) {
+    case Target::kDescriptor:
+      failure = WriteAll(target.fd, bytes.data(), bytes.size()) ? 0 : errno;
+      break;
+    case Target::kInPlace: {
+      const int fd = open(target.path.c_str(), O_WRONLY | O_NOCTTY | O_CLOEXEC);
+      if (fd < 0) {
+        failure = errno;
+        break;
+      }
+      failure = WriteAll(fd, bytes.data(), bytes.size()) ? 0 : errno;
+      if (close(fd) != 0 && failure == 0) failure = errno;
+      break;
     }
+    case Target::kFile:
+      return ReplaceFile(target, bytes, error);
   }
-  struct stat target {};
-  const bool exists = stat(path.c_str(), &target) == 0;
-  if (exists && !S_ISREG(target.st_mode)) {
-    error = std::string("is ") + KindOfNode(target.st_mode) + ", not a regular file";
-    return false;
-  }
-  const size_t slash = path.rfind('/');
-  std::string temp = (slash == std::string::npos ? std::string() : path.substr(0, slash + 1)) + ".qvrcs-XXXXXX";
-  // An existing file keeps its mode.
-  Fd file{NewFile(temp, exists ? target.st_mode & 07777 : NewFileMode())};
-  if (file.fd < 0) {
-    error = std::string("cannot write: ") + std::strerror(errno);
-    return false;
-  }
-  bool ok = true;
-  for (size_t done = 0; ok && done < bytes.size();) {
-    const ssize_t n = write(file.fd, bytes.data() + done, bytes.size() - done);
-    if (n < 0 && errno == EINTR) continue;
-    ok = n > 0;
-    if (ok) done += static_cast<size_t>(n);
-  }
-  const int saved = errno;
-  ok = ok && close(file.fd) == 0;
-  file.fd = -1;
-  if (ok && rename(temp.c_str(), path.c_str()) == 0) return true;
-  error = std::string("cannot write: ") + std::strerror(ok ? errno : saved);
-  unlink(temp.c_str());
-  return false;
+  if (failure != 0) error = std::string("cannot write: ") + std::strerror(failure);
+  return failure == 0;
 }
 
 }  // namespace qvrcs_tool

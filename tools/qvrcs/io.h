@@ -1,8 +1,8 @@
 // Files in and out of qvrcs. Inputs are regular files (or "-", standard
 // input) of at most kMaxInputSize bytes; anything else is named and refused
 // before it is read, so a FIFO or a link to a device never hangs a run.
-// Outputs go to "-" (standard output) or through a temporary file beside the
-// target that is renamed over it only when complete, and never onto an input.
+// Outputs never land on an input and never replace anything but a regular
+// file: see WriteOutput.
 #pragma once
 
 #include <cstddef>
@@ -34,15 +34,26 @@ bool ReadStream(std::istream& in, std::string& bytes, std::string& error);
 // Reads an input: `in` for "-", else the regular file `path`.
 bool ReadInput(const std::string& path, std::istream& in, std::string& bytes, std::string& error);
 
-// Writes `bytes` to `path` through a temporary file in the same folder,
-// renamed over `path` when complete. Refuses a `path` that is one of
-// `inputs` (the same file, by device and inode, or the same name).
-bool WriteAtomically(const std::string& path, const std::string& bytes, const std::vector<std::string>& inputs,
-                     std::string& error);
+// Writes all `size` bytes at `data` to the descriptor `fd`; false, with
+// errno, when that fails.
+bool WriteAll(int fd, const char* data, size_t size);
 
-// A new empty file named after `path` (path.XXXXXX) with the mode a new file
-// gets, for writing an output whole before renaming it; "" when none can be made.
-std::string TemporaryNear(const std::string& path);
+// Whether `bytes` may be written to the output `path` (not "-"): false with a
+// one-line reason when `path` is empty, names a directory or one of `inputs`
+// (the same file, by device and inode, through any link, or the same name).
+// Nothing is written.
+bool CheckOutput(const std::string& path, const std::vector<std::string>& inputs, std::string& error);
+
+// Writes `bytes` to the output `path` (not "-"), after CheckOutput. Links are
+// followed, the link left as it is. A regular file, or a name where nothing
+// is yet, is written whole or not at all: through a temporary file beside it
+// that is renamed onto it when complete (an existing file keeps its mode).
+// Anything else is written in place, as `cat > path` would: a name for one of
+// this process's descriptors (/dev/stdout, /dev/fd/N, /proc/self/fd/N) is that
+// descriptor, a device, FIFO or socket is opened for writing. False with a
+// one-line reason ("cannot write: No space left on device").
+bool WriteOutput(const std::string& path, const std::string& bytes, const std::vector<std::string>& inputs,
+                 std::string& error);
 
 // A private temporary file holding `bytes`, removed when this goes away:
 // for the configurator's reader, which takes a binary file by name.

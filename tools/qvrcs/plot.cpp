@@ -8,10 +8,6 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <fstream>
-#include <sstream>
-
-#include "tools/qvrcs/io.h"
 
 namespace qvrcs_tool {
 namespace {
@@ -21,6 +17,7 @@ constexpr int kRowHeight = 300;
 constexpr size_t kMaxDrawnPoints = 1200;  // per line; longer lines are drawn as their min/max envelope
 // The legend's text size is relative to the page, not to the current character size.
 constexpr PLFLT kLegendTextScale = 0.6;
+constexpr size_t kLegendChannels = 12;  // channels named in a legend; past them, how many more
 
 // Colour map 0: background, foreground, then one colour per channel.
 constexpr int kBackground = 0;
@@ -88,6 +85,39 @@ void Frame(const Box& box, double xmin, double xmax, double ymin, double ymax, c
   plbox(xopt, 0, 0, "bcgnstv", 0, 0);
   plmtex("b", 3.0, 0.5, 0.5, xlabel);
   plmtex("l", 5.4, 0.5, 0.5, ylabel);
+}
+
+// One line of a legend: its text, colour (-1: text only) and line style.
+struct LegendEntry {
+  std::string label;
+  PLINT colour;
+  PLINT style;
+};
+
+// Draws `entries` at `position` of the current panel, in two columns when
+// there are more than six.
+void Legend(const std::vector<LegendEntry>& entries, PLINT position, PLFLT textScale) {
+  if (entries.empty()) return;
+  std::vector<const char*> text;
+  std::vector<PLINT> options;
+  std::vector<PLINT> colours;
+  std::vector<PLINT> styles;
+  for (const LegendEntry& e : entries) {
+    text.push_back(e.label.c_str());
+    options.push_back(e.colour < 0 ? PL_LEGEND_NONE : PL_LEGEND_LINE);
+    colours.push_back(e.colour < 0 ? kForeground : e.colour);
+    styles.push_back(e.style);
+  }
+  const std::vector<PLFLT> widths(entries.size(), 1.0);
+  const std::vector<PLINT> textColours(entries.size(), kForeground);
+  const PLINT columns = entries.size() > 6 ? 2 : 1;
+  const PLINT rows = static_cast<PLINT>((entries.size() + static_cast<size_t>(columns) - 1) / static_cast<size_t>(columns));
+  PLFLT width = 0;
+  PLFLT height = 0;
+  pllegend(&width, &height, PL_LEGEND_BACKGROUND | PL_LEGEND_BOUNDING_BOX, position, 0.01, 0.0, 0.03, kBackground,
+           kForeground, 1, rows, columns, static_cast<PLINT>(entries.size()), options.data(), 0.5, textScale, 2.0,
+           0.0, textColours.data(), text.data(), nullptr, nullptr, nullptr, nullptr, colours.data(), styles.data(),
+           widths.data(), nullptr, nullptr, nullptr, nullptr);
 }
 
 int ColourOf(size_t channel) { return kFirstChannelColour + static_cast<int>(channel % kChannelColours); }
@@ -170,37 +200,29 @@ void Row(const std::vector<PlotFile>& files, const FilterResponse& f, size_t row
     }
   }
 
-  // Legend: the channels' colours, and which file is dashed.
-  std::vector<std::string> labels;
-  std::vector<PLINT> colours;
-  std::vector<PLINT> styles;
-  for (size_t c = 0; c < f.channels.size(); ++c) {
-    labels.push_back(PlotText(f.channels[c].label));
-    colours.push_back(ColourOf(c));
-    styles.push_back(1);
+  // Legends: the channels' colours beside the panel (on it when the measured
+  // curve takes the room); which file is dashed below that, in the margin
+  // between the rows, so that the file names do not widen the channels'
+  // columns off the page.
+  std::vector<LegendEntry> channels;
+  const size_t shown = f.channels.size() > kLegendChannels ? kLegendChannels - 1 : f.channels.size();
+  for (size_t c = 0; c < shown; ++c) channels.push_back({PlotText(f.channels[c].label), ColourOf(c), 1});
+  if (shown < f.channels.size()) {
+    channels.push_back({std::to_string(f.channels.size() - shown) + " more", -1, 1});
   }
+  const PLFLT textScale = rows == 1 ? kLegendTextScale * 0.85 : kLegendTextScale;
+  Legend(channels, measured ? PL_POSITION_INSIDE | PL_POSITION_BOTTOM | PL_POSITION_RIGHT
+                            : PL_POSITION_OUTSIDE | PL_POSITION_RIGHT,
+         textScale);
+  std::vector<LegendEntry> styles;
   for (size_t i = 0; files.size() > 1 && i < files.size(); ++i) {
     const size_t slash = files[i].name.rfind('/');
     const std::string name = slash == std::string::npos ? files[i].name : files[i].name.substr(slash + 1);
-    labels.push_back(PlotText((i == 0 ? "solid: " : "dashed: ") + name));
-    colours.push_back(kForeground);
-    styles.push_back(i == 0 ? 1 : 2);
+    styles.push_back({PlotText((i == 0 ? "solid: " : "dashed: ") + name), kForeground, i == 0 ? 1 : 2});
   }
-  std::vector<const char*> text;
-  for (const std::string& l : labels) text.push_back(l.c_str());
-  std::vector<PLINT> options(labels.size(), PL_LEGEND_LINE);
-  std::vector<PLFLT> widths(labels.size(), 1.0);
-  std::vector<PLINT> textColours(labels.size(), kForeground);
-  PLFLT legendWidth = 0;
-  PLFLT legendHeight = 0;
-  const PLINT columns = labels.size() > 6 ? 2 : 1;
-  const PLINT rowsInLegend = static_cast<PLINT>((labels.size() + static_cast<size_t>(columns) - 1) / static_cast<size_t>(columns));
-  const PLINT position = measured ? PL_POSITION_INSIDE | PL_POSITION_BOTTOM | PL_POSITION_RIGHT
-                                  : PL_POSITION_OUTSIDE | PL_POSITION_RIGHT;
-  pllegend(&legendWidth, &legendHeight, PL_LEGEND_BACKGROUND | PL_LEGEND_BOUNDING_BOX, position, 0.01, 0.0,
-           0.03, kBackground, kForeground, 1, rowsInLegend, columns, static_cast<PLINT>(labels.size()),
-           options.data(), 0.5, rows == 1 ? kLegendTextScale * 0.85 : kLegendTextScale, 2.0, 0.0, textColours.data(), text.data(), nullptr, nullptr, nullptr, nullptr,
-           colours.data(), styles.data(), widths.data(), nullptr, nullptr, nullptr, nullptr);
+  Legend(styles, measured ? PL_POSITION_INSIDE | PL_POSITION_BOTTOM | PL_POSITION_LEFT
+                          : PL_POSITION_OUTSIDE | PL_POSITION_RIGHT | PL_POSITION_BOTTOM,
+         textScale);
 
   if (measured) {
     const std::vector<double>& db = f.facts.measuredDb;
@@ -234,7 +256,9 @@ bool HasDevice(const char* device) {
   return false;
 }
 
-bool Draw(const std::vector<PlotFile>& files, const char* device, const std::string& path, std::string& error) {
+// Draws into `picture` with the plotting library's `device`. The library
+// writes to a stream in memory and closes it at plend: no file is touched.
+bool Draw(const std::vector<PlotFile>& files, const char* device, std::string& picture, std::string& error) {
   if (files.empty() || files[0].filters.empty()) {
     error = "nothing to plot";
     return false;
@@ -243,16 +267,29 @@ bool Draw(const std::vector<PlotFile>& files, const char* device, const std::str
     error = std::string("the plotting library has no \"") + device + "\" output";
     return false;
   }
+  char* bytes = nullptr;
+  size_t size = 0;
+  FILE* stream = open_memstream(&bytes, &size);
+  if (stream == nullptr) {
+    error = std::string("cannot draw: ") + std::strerror(errno);
+    return false;
+  }
   const size_t rows = files[0].filters.size();
   plsdev(device);
-  plsfnam(path.c_str());
+  plsfile(stream);
   plspage(0, 0, kPageWidth, static_cast<PLINT>(kRowHeight * rows), 0, 0);
   plscmap0(kRed, kGreen, kBlue, kFirstChannelColour + kChannelColours);
   plinit();
   plschr(0, 0.6);
   pladv(0);
   for (size_t r = 0; r < rows; ++r) Row(files, files[0].filters[r], r, rows);
-  plend();
+  plend();  // closes `stream`
+  picture.assign(bytes != nullptr ? bytes : "", size);
+  std::free(bytes);
+  if (picture.empty()) {
+    error = std::string("the plotting library wrote no ") + device + " picture";
+    return false;
+  }
   return true;
 }
 
@@ -273,43 +310,19 @@ std::string PlotText(const std::string& text) {
   return safe;
 }
 
-bool DrawToFile(const std::vector<PlotFile>& files, const std::string& path, std::string& error) {
-  const char* device = EndsWith(path, ".svg") ? "svg" : EndsWith(path, ".png") ? "pngcairo" : nullptr;
-  if (device == nullptr) {
-    error = "the output must end in .svg or .png";
-    return false;
-  }
-  const std::string temporary = TemporaryNear(path);
-  if (temporary.empty()) {
-    error = std::string("cannot write: ") + std::strerror(errno);
-    return false;
-  }
-  if (!Draw(files, device, temporary, error)) {
-    std::remove(temporary.c_str());
-    return false;
-  }
-  if (std::rename(temporary.c_str(), path.c_str()) != 0) {
-    error = std::string("cannot write: ") + std::strerror(errno);
-    std::remove(temporary.c_str());
-    return false;
-  }
-  return true;
+bool PictureFormat(const std::string& name, const std::string& path, std::string& format) {
+  format = name;
+  if (format.empty()) format = EndsWith(path, ".svg") ? "svg" : EndsWith(path, ".png") ? "png" : "";
+  return format == "svg" || format == "png";
+}
+
+bool DrawPicture(const std::vector<PlotFile>& files, const std::string& format, std::string& picture,
+                 std::string& error) {
+  return Draw(files, format == "png" ? "pngcairo" : "svg", picture, error);
 }
 
 bool DrawSvg(const std::vector<PlotFile>& files, std::string& svg, std::string& error) {
-  const char* dir = std::getenv("TMPDIR");
-  const std::string temporary = TemporaryNear(std::string(dir != nullptr && *dir ? dir : "/tmp") + "/qvrcs-plot");
-  if (temporary.empty()) {
-    error = std::string("cannot write a temporary file: ") + std::strerror(errno);
-    return false;
-  }
-  const bool drawn = Draw(files, "svg", temporary, error);
-  std::ifstream in(temporary, std::ios::binary);
-  std::ostringstream text;
-  text << in.rdbuf();
-  std::remove(temporary.c_str());
-  if (!drawn) return false;
-  svg = text.str();
+  if (!Draw(files, "svg", svg, error)) return false;
   const size_t start = svg.find("<svg");
   if (start == std::string::npos) {
     error = "the plotting library wrote no SVG";

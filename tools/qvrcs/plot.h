@@ -17,10 +17,15 @@ struct PlotFile {
   std::vector<FilterResponse> filters;
 };
 
+// The picture format ("svg" or "png") of the output `path`: `name` when
+// given (--format), else by the name's ending. False when there is none.
+bool PictureFormat(const std::string& name, const std::string& path, std::string& format);
+
 // Draws the sections of `files[0]` (with those of the same name from
-// `files[1]` over them, when given) into `path`, an .svg or .png file, written
-// whole or not at all. False with a one-line reason.
-bool DrawToFile(const std::vector<PlotFile>& files, const std::string& path, std::string& error);
+// `files[1]` over them, when given) as a picture in `format` ("svg" or "png").
+// False with a one-line reason.
+bool DrawPicture(const std::vector<PlotFile>& files, const std::string& format, std::string& picture,
+                 std::string& error);
 
 // The same drawing as the text of an SVG document (without its XML prolog),
 // for embedding into a page.

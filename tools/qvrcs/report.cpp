@@ -2,14 +2,12 @@
 
 #include <CLI/CLI.hpp>
 #include <algorithm>
-#include <cerrno>
 #include <cstdio>
-#include <cstring>
-#include <fstream>
 #include <iostream>
 #include <iterator>
 #include <map>
 
+#include "configurator.pb.h"
 #include "configurator/config_file.h"
 #include "configurator/payload.h"
 #include "configurator/settings.h"
@@ -173,24 +171,7 @@ std::string DirSection(const std::string& dir, int& figure) {
   return html + "</section>\n";
 }
 
-bool WriteWhole(const std::string& path, const std::string& bytes, std::string& error) {
-  const std::string temporary = TemporaryNear(path);
-  std::ofstream file(temporary, std::ios::binary | std::ios::trunc);
-  if (temporary.empty() || !file) {
-    error = std::string("cannot write: ") + std::strerror(errno);
-    return false;
-  }
-  file.write(bytes.data(), static_cast<std::streamsize>(bytes.size()));
-  file.close();
-  if (!file || std::rename(temporary.c_str(), path.c_str()) != 0) {
-    error = std::string("cannot write: ") + std::strerror(errno);
-    std::remove(temporary.c_str());
-    return false;
-  }
-  return true;
-}
-
-int PlotCommand(const FilterCommands& c, std::ostream& out, std::ostream& err) {
+int PlotCommand(const FilterCommands& c, const Streams& s) {
   const std::vector<std::string> known = FilterSections();
   std::vector<std::string> files;
   std::vector<std::string> sections;
@@ -198,42 +179,70 @@ int PlotCommand(const FilterCommands& c, std::ostream& out, std::ostream& err) {
     (std::find(known.begin(), known.end(), arg) != known.end() ? sections : files).push_back(arg);
   }
   if (files.empty() || files.size() > 2) {
-    err << "qvrcs: plot takes one file, or two to draw over each other (see qvrcs plot --help)\n";
+    s.Error("", "plot takes one file, or two to draw over each other (see qvrcs plot --help)");
     return kExitUsage;
   }
+  std::string format;
+  if (!PictureFormat(c.plotFormat, c.output, format)) {
+    s.Error("", c.output == "-" ? "plot -o - needs --format svg or png (see qvrcs plot --help)"
+                                : c.output + ": the output must end in .svg or .png, or give --format svg or png");
+    return kExitUsage;
+  }
+  std::string error;
+  if (c.output != "-" && !CheckOutput(c.output, files, error)) {
+    s.Error(Shown(c.output), error);
+    return kExitBadInput;
+  }
+  LoadOptions options;
+  options.block = c.block;
   std::vector<PlotFile> drawn;
   for (const std::string& path : files) {
     LoadedInput loaded;
-    std::string error;
-    if (!LoadInput(path, LoadOptions{}, std::cin, loaded, error)) {
-      err << "qvrcs: " << Shown(path) << ": " << error << "\n";
+    if (!LoadInput(path, options, s.in, loaded, error)) {
+      s.Error("", Located(Shown(path), error));
       return kExitBadInput;
     }
     drawn.push_back(PlotFile{path, FiltersOf(loaded.input, sections)});
   }
-  std::string error;
-  if (!DrawToFile(drawn, c.output, error)) {
-    err << "qvrcs: " << c.output << ": " << error << "\n";
+  std::string picture;
+  if (!DrawPicture(drawn, format, picture, error)) {
+    s.Error(Shown(c.output), error);
     return kExitBadInput;
   }
-  out << c.output << ": " << drawn[0].filters.size() << " section" << (drawn[0].filters.size() == 1 ? "" : "s")
-      << (drawn.size() > 1 ? " of two files" : "") << "\n";
+  if (!s.Output(c.output, picture, files)) return kExitBadInput;
+  const size_t count = drawn[0].filters.size();
+  s.Status(c.output + ": " + std::to_string(count) + " section" + (count == 1 ? "" : "s") +
+           (drawn.size() > 1 ? " of two files" : ""));
   return kExitOk;
 }
 
-int ReportCommand(const FilterCommands& c, std::ostream& out, std::ostream& err) {
+// What a report reads of the search path `dir`: its configurator.cfg and the
+// files it names.
+std::vector<std::string> SetFiles(const std::string& dir) {
+  std::vector<std::string> files = {qvr::JoinPath(dir, qvr::kConfigFileName)};
+  com::qvr::korva::configurator::qdsp6::ConfiguratorConfig config;
+  if (qvr::ReadConfiguratorConfig(files[0], config, nullptr) != qvr::ConfigRead::kOk) return files;
+  for (const qvr::ConfigSlot& slot : qvr::kConfigSlots) files.push_back(qvr::JoinPath(dir, (config.*slot.get)().filename()));
+  return files;
+}
+
+int ReportCommand(const FilterCommands& c, const Streams& s) {
   std::string error;
+  std::vector<std::string> inputs;
   for (const std::string& dir : c.dirs) {
     if (!CheckRegularFile(qvr::JoinPath(dir, qvr::kConfigFileName), error)) {
-      err << "qvrcs: " << dir << ": no " << qvr::kConfigFileName << " to read: " << error << "\n";
+      s.Error(dir, "no " + std::string(qvr::kConfigFileName) + " to read: " + error);
       return kExitBadInput;
     }
+    const std::vector<std::string> files = SetFiles(dir);
+    inputs.insert(inputs.end(), files.begin(), files.end());
   }
-  if (!WriteWhole(c.reportOutput, ReportPage(c.dirs), error)) {
-    err << "qvrcs: " << c.reportOutput << ": " << error << "\n";
+  if (c.reportOutput != "-" && !CheckOutput(c.reportOutput, inputs, error)) {
+    s.Error(Shown(c.reportOutput), error);
     return kExitBadInput;
   }
-  out << c.reportOutput << ": " << c.dirs.size() << " search path" << (c.dirs.size() == 1 ? "" : "s") << "\n";
+  if (!s.Output(c.reportOutput, ReportPage(c.dirs), inputs)) return kExitBadInput;
+  s.Status(c.reportOutput + ": " + std::to_string(c.dirs.size()) + " search path" + (c.dirs.size() == 1 ? "" : "s"));
   return kExitOk;
 }
 
@@ -286,15 +295,19 @@ void AddFilterCommands(CLI::App& app, FilterCommands& c) {
                      "a tuning or payload file, or two drawn over each other; then section names to draw "
                      "(multich_room front_room wide_room hpeq; default all)")
       ->required();
-  c.plot->add_option("-o,--output", c.output, "picture to write, .svg or .png")->required();
+  c.plot->add_option("-o,--output", c.output, "picture to write, .svg or .png; - for standard output (with --format)")
+      ->required();
+  c.plot->add_option("--format", c.plotFormat, "the picture's format, svg or png (default: by the output's name)")
+      ->check(CLI::IsMember({"svg", "png"}));
+  c.plot->add_option("--block", c.block, "the block of a driver cache dump, 0 to 5")->check(CLI::Range(0, 5));
   c.report = app.add_subcommand("report", "One self-contained HTML page for search paths: check, explain, plots");
   c.report->add_option("DIR", c.dirs, "search paths holding configurator.cfg")->required();
-  c.report->add_option("-o,--output", c.reportOutput, "page to write")->required();
+  c.report->add_option("-o,--output", c.reportOutput, "page to write, - for standard output")->required();
 }
 
-int RunFilterCommands(const FilterCommands& c, std::ostream& out, std::ostream& err) {
-  if (c.plot != nullptr && c.plot->parsed()) return PlotCommand(c, out, err);
-  if (c.report != nullptr && c.report->parsed()) return ReportCommand(c, out, err);
+int RunFilterCommands(const FilterCommands& c, const Streams& s) {
+  if (c.plot != nullptr && c.plot->parsed()) return PlotCommand(c, s);
+  if (c.report != nullptr && c.report->parsed()) return ReportCommand(c, s);
   return -1;
 }
 

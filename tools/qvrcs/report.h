@@ -6,6 +6,7 @@
 #include <string>
 #include <vector>
 
+#include "tools/qvrcs/command.h"
 #include "tools/qvrcs/response.h"
 #include "tools/qvrcs/tuning.h"
 
@@ -39,10 +40,12 @@ struct FilterCommands {
   std::vector<std::string> plotArgs;  // files, then section names
   std::vector<std::string> dirs;
   std::string output;
+  std::string plotFormat;  // svg or png; "" by the output's name
+  int block = -1;          // of a cache dump
   std::string reportOutput;
 };
 void AddFilterCommands(CLI::App& app, FilterCommands& commands);
 // -1 when neither command was given, else the exit status.
-int RunFilterCommands(const FilterCommands& commands, std::ostream& out, std::ostream& err);
+int RunFilterCommands(const FilterCommands& commands, const Streams& s);
 
 }  // namespace qvrcs_tool

@@ -25,7 +25,11 @@ __attribute__((format(printf, 2, 0))) void CollectLine(void* context, const char
 
 }  // namespace
 
-void QuietProtobufLog() { google::protobuf::SetLogHandler(nullptr); }
+void QuietProtobufLog() {
+  // Set once: checks run on several threads.
+  static const bool quiet = (google::protobuf::SetLogHandler(nullptr), true);
+  (void)quiet;
+}
 
 std::string Conversion::SelectError() const {
   return reading->selection.missing != nullptr ? std::string("the file has no ") + reading->selection.missing
