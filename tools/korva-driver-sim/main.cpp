@@ -316,8 +316,9 @@ int main(int argc, char** argv) {
   app.footer(
       "Run as: korva-driver-sim [OPTIONS] -- PROGRAM [ARG...]\n"
       "The program's output and exit status pass through unchanged. The simulator's own failures "
-      "(a bad option, a capture folder or cache file it cannot write) exit with 2 before the "
-      "program runs; a program that cannot be started, with 127.");
+      "(a bad option, a capture folder that is in use or not empty, a cache file it cannot write) "
+      "exit with 2 before the program runs; a program that cannot be started, with 127. A capture "
+      "or cache file that cannot be written whole after the run also exits with 2.");
   app.set_version_flag("--version", std::string("korva-driver-sim ") + KORVA_SIM_VERSION);
   std::string nodes = "both";
   std::vector<std::string> nodeTexts;
@@ -479,8 +480,8 @@ int main(int argc, char** argv) {
     status = PassOn(child.status);
   }
 
-  // After the run the simulator reports, but never changes the program's
-  // exit status.
+  // After the run the simulator reports; only a record it could not write
+  // whole changes the program's exit status.
   if (spawned) {
     korva_sim::Injections injections;
     if (!korva_sim::ReadInjections(eventsPath, injections, error)) Complain(error);
@@ -496,7 +497,24 @@ int main(int argc, char** argv) {
     for (const korva_sim::AnswerRule& rule : driver.UnmatchedAnswers()) {
       Complain("--answer " + rule.text + " never applied: the program sent fewer " + rule.request + " requests");
     }
-    if (!dumpCache.empty() && !cacheFile.Commit(driver.cache(), error)) Complain(error);
+    // What the run leaves behind is whole, or the run fails: a capture or
+    // cache file that could not be written whole turns the exit status to 2.
+    bool whole = true;
+    if (!driver.captureError().empty()) {
+      Complain("capture incomplete: " + driver.captureError() + "; " + config.captureDir +
+               "/requests.jsonl holds the first " + std::to_string(driver.recorded()) + " requests");
+      whole = false;
+    }
+    if (!dumpCache.empty() && driver.cache().empty()) {
+      Complain("--dump-cache: the program set up no cache; " + dumpCache + " not written");
+    } else if (!dumpCache.empty() && !cacheFile.Commit(driver.cache(), error)) {
+      Complain(error);
+      whole = false;
+    }
+    if (!whole) {
+      if (status != 0) Complain("the program's exit status was " + std::to_string(status));
+      status = kUsageStatus;
+    }
   }
   g_object_unref(handler);
   g_object_unref(testbed);
