@@ -333,20 +333,22 @@ std::string BlankTuningSet(const std::string& dir, const std::string& fifo = "")
   return dir;
 }
 
-// The simulator's program, once it waits in an open (of a FIFO nobody
-// writes to). Waits as long as that takes.
+// The simulator's program, once it waits in the open of a FIFO nobody writes
+// to (by its wait channel, which also holds for a program run through an
+// emulator, or by its system call). Waits as long as that takes.
 pid_t ProgramBlockedInOpen(pid_t sim) {
   const auto read = [](const std::string& path) {
     std::ifstream in(path);
-    long value = -1;
-    in >> value;
-    return value;
+    std::string word;
+    in >> word;
+    return word;
   };
   for (;;) {
-    const std::string self = "/proc/" + std::to_string(sim);
-    const long program = read(self + "/task/" + std::to_string(sim) + "/children");
-    const long call = program > 0 ? read("/proc/" + std::to_string(program) + "/syscall") : -1;
-    if (call == SYS_openat) return static_cast<pid_t>(program);
+    const std::string program = read(e2e::Format("/proc/%d/task/%d/children", sim, sim));
+    if (!program.empty() && (read("/proc/" + program + "/wchan") == "wait_for_partner" ||
+                             read("/proc/" + program + "/syscall") == std::to_string(SYS_openat))) {
+      return static_cast<pid_t>(std::stol(program));
+    }
     usleep(1000);
   }
 }
