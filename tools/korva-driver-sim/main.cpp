@@ -8,7 +8,6 @@
 // node rules (node_rules.h) and makes the upload buffer allocation fail when
 // asked to.
 #include <fcntl.h>
-#include <glib-unix.h>
 #include <glib.h>
 #include <signal.h>
 #include <sys/stat.h>
