@@ -1,5 +1,5 @@
 # End to end: the configurator binary under korva-driver-sim; and the
-# simulator's driver model on its own.
+# simulator: its driver model on its own, and its command line.
 find_package(nlohmann_json 3 REQUIRED)
 # The faketime that runs the configurator is the target's: a cross build
 # takes it from the sysroot (its preload library must match the target).
@@ -19,4 +19,12 @@ target_compile_definitions(e2e_test PRIVATE
   QVR_FAKETIME_EXE="${QVR_FAKETIME}")
 add_dependencies(e2e_test qvr_configurator korva-driver-sim)
 
-qvr_add_test(korva_sim_test SOURCES korva_sim_test.cpp LIBS korva_sim_model configurator_core)
+qvr_add_test(korva_sim_test
+  SOURCES korva_sim_test.cpp e2e_support.cpp
+  LIBS korva_sim_model configurator_core nlohmann_json::nlohmann_json
+  LABELS target_programs)
+target_compile_definitions(korva_sim_test PRIVATE
+  QVR_CONFIGURATOR_EXE="$<TARGET_FILE:qvr_configurator>"
+  QVR_DRIVER_SIM_EXE="$<TARGET_FILE:korva-driver-sim>"
+  QVR_FAKETIME_EXE="${QVR_FAKETIME}")
+add_dependencies(korva_sim_test qvr_configurator korva-driver-sim)

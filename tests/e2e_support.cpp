@@ -97,18 +97,20 @@ int RunResult::Handle() const {
   return -1;
 }
 
-RunResult E2eTest::RunSim(const std::vector<std::string>& simOptions,
-                          const std::vector<std::string>& command) {
-  RunResult result;
-  const std::string runDir = dir() + "/run" + std::to_string(++runs_);
-  const std::string captureDir = runDir + "/capture";
-  EXPECT_TRUE(fs::create_directories(runDir)) << runDir;
-  const std::string outPath = runDir + "/stdout";
-  const std::string errPath = runDir + "/stderr";
+SimProcess E2eTest::StartSim(const std::vector<std::string>& simOptions, const std::vector<std::string>& command) {
+  SimProcess sim;
+  sim.runDir = dir() + "/run" + std::to_string(++runs_);
+  sim.captureDir = sim.runDir + "/capture";
+  EXPECT_TRUE(fs::create_directories(sim.runDir)) << sim.runDir;
+  const std::string outPath = sim.runDir + "/stdout";
+  const std::string errPath = sim.runDir + "/stderr";
 
   std::vector<std::string> argv = {kDriverSimExe};
-  if (std::find(simOptions.begin(), simOptions.end(), "--capture") == simOptions.end()) {
-    argv.insert(argv.end(), {"--capture", captureDir});
+  const auto capture = std::find(simOptions.begin(), simOptions.end(), "--capture");
+  if (capture == simOptions.end()) {
+    argv.insert(argv.end(), {"--capture", sim.captureDir});
+  } else if (capture + 1 != simOptions.end()) {
+    sim.captureDir = capture[1];
   }
   argv.insert(argv.end(), simOptions.begin(), simOptions.end());
   argv.push_back("--");
@@ -120,26 +122,35 @@ RunResult E2eTest::RunSim(const std::vector<std::string>& simOptions,
   posix_spawn_file_actions_addopen(&actions, 0, "/dev/null", O_RDONLY, 0);
   posix_spawn_file_actions_addopen(&actions, 1, outPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
   posix_spawn_file_actions_addopen(&actions, 2, errPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
-  const auto start = std::chrono::steady_clock::now();
-  pid_t pid = 0;
-  const int spawned = posix_spawn(&pid, kDriverSimExe, &actions, nullptr, Pointers(argv).data(),
+  sim.start = std::chrono::steady_clock::now();
+  const int spawned = posix_spawn(&sim.pid, kDriverSimExe, &actions, nullptr, Pointers(argv).data(),
                                   Pointers(env).data());
   posix_spawn_file_actions_destroy(&actions);
   if (spawned != 0) {
     ADD_FAILURE() << "cannot run " << kDriverSimExe << ": " << std::strerror(spawned);
-    return result;
+    sim.pid = -1;
   }
+  return sim;
+}
+
+RunResult E2eTest::WaitSim(const SimProcess& sim) {
+  RunResult result;
+  if (sim.pid < 0) return result;
   int status = 0;
-  while (waitpid(pid, &status, 0) < 0 && errno == EINTR) {
+  while (waitpid(sim.pid, &status, 0) < 0 && errno == EINTR) {
   }
-  result.seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+  result.seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - sim.start).count();
   EXPECT_TRUE(WIFEXITED(status)) << "simulator ended abnormally, wait status " << status;
   result.status = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-  result.out = ReadFile(outPath);
-  result.err = ReadFile(errPath);
+  result.out = ReadFile(sim.runDir + "/stdout");
+  result.err = ReadFile(sim.runDir + "/stderr");
   result.log = ParseLog(result.err);
-  result.requests = ReadCapture(captureDir);
+  result.requests = ReadCapture(sim.captureDir);
   return result;
+}
+
+RunResult E2eTest::RunSim(const std::vector<std::string>& simOptions, const std::vector<std::string>& command) {
+  return WaitSim(StartSim(simOptions, command));
 }
 
 RunResult E2eTest::RunConfigurator(const std::vector<std::string>& simOptions,

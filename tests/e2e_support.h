@@ -4,6 +4,9 @@
 // through E2eTest::RunSim.
 #pragma once
 
+#include <sys/types.h>
+
+#include <chrono>
 #include <cstdint>
 #include <string>
 #include <vector>
@@ -45,10 +48,21 @@ struct RunResult {
   int Handle() const;
 };
 
+// A simulator run under way.
+struct SimProcess {
+  pid_t pid = -1;
+  std::string runDir;
+  std::string captureDir;  // the options' --capture folder, or one in runDir
+  std::chrono::steady_clock::time_point start;
+};
+
 class E2eTest : public qvr_test::ScratchDirTest {
  protected:
+  // RunSim in two steps: starts the run, and waits for its end.
+  SimProcess StartSim(const std::vector<std::string>& simOptions, const std::vector<std::string>& command);
+  RunResult WaitSim(const SimProcess& sim);
   // Runs `korva-driver-sim --capture DIR simOptions... -- command...` (without
-  // its own --capture when the options hold one).
+  // its own --capture when the options hold one) and reads the capture.
   RunResult RunSim(const std::vector<std::string>& simOptions, const std::vector<std::string>& command);
   // Runs the configurator under the simulator with `args` after the program name.
   RunResult RunConfigurator(const std::vector<std::string>& simOptions, const std::vector<std::string>& args);

@@ -1,16 +1,25 @@
 // The simulated driver's model, driven directly with a fake client: what each
 // request does to the cache, what it answers, and that no argument size from
-// the client is trusted.
+// the client is trusted. Then the simulator itself: its command line, the
+// signals that stop a run, and what a run leaves behind.
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/mount.h>
+#include <sys/stat.h>
+#include <sys/syscall.h>
+#include <unistd.h>
 
 #include <cerrno>
 #include <cstring>
 #include <filesystem>
+#include <fstream>
 #include <string>
 #include <tuple>
 #include <utility>
 
 #include "configurator/korva_driver.h"
+#include "e2e_support.h"
 #include "test_support.h"
 #include "tools/korva-driver-sim/node_rules.h"
 #include "tools/korva-driver-sim/sim_model.h"
@@ -23,6 +32,10 @@ using korva_sim::Driver;
 using korva_sim::DriverConfig;
 using korva_sim::Outcome;
 using Bytes = std::vector<uint8_t>;
+using e2e::ReadFile;
+using e2e::RunResult;
+using e2e::WriteFile;
+using qvr_test::Lines;
 
 // The client's side of one request: the memory its pointer leads to. Resolved
 // bytes are handed back to it as umockdev does when the request completes.
@@ -312,30 +325,188 @@ TEST_F(CaptureTest, RecordsEveryRequestIncludingUnknownOnes) {
   EXPECT_EQ(fs::file_size(Path("capture/0003-SET_PARAM.bin")), 16u);
 }
 
-// A capture never lands beside an older one: a folder that is not empty is
-// refused; clearing removes an earlier capture and nothing else.
-TEST_F(CaptureTest, FolderMustBeEmptyOrHoldOnlyAnEarlierCapture) {
-  const auto start = [&](bool clear, std::string& error) {
-    DriverConfig config;
-    config.captureDir = Path("capture");
-    config.clearCapture = clear;
-    Driver driver(config);
-    const bool started = driver.Start(error);
-    if (started) SetCacheSize(driver, 64);
-    return started;
-  };
-  std::string error;
-  ASSERT_TRUE(start(false, error)) << error;
-  EXPECT_FALSE(start(false, error));
-  EXPECT_NE(error.find("is not empty"), std::string::npos) << error;
-  ASSERT_TRUE(start(true, error)) << error;
-  EXPECT_EQ(std::distance(fs::directory_iterator(Path("capture")), fs::directory_iterator()), 2);
+// ---- The simulator's own command line -----------------------------------------------
 
-  qvr_test::WriteFile(Path("capture/notes.txt"), "keep");
-  EXPECT_FALSE(start(true, error));
-  EXPECT_NE(error.find("notes.txt"), std::string::npos) << error;
-  EXPECT_TRUE(fs::exists(Path("capture/notes.txt")));
-  EXPECT_TRUE(fs::exists(Path("capture/requests.jsonl"))) << "nothing is removed when anything would stay";
+using SimulatorTest = e2e::E2eTest;
+
+// A tuning set of six slots whose files the configurator uploads as blank
+// blocks; `fifo` names a slot file made a FIFO instead.
+std::string BlankTuningSet(const std::string& dir, const std::string& fifo = "") {
+  std::string cfg;
+  for (const char* slot : {"attached0", "attached1", "lineout0", "bluetooth0", "combo0", "other"}) {
+    cfg += std::string(slot) + " {\n  filename: \"" + slot + ".bin\"\n  device_bitmask: 0x2\n}\n";
+    const std::string file = dir + "/" + slot + ".bin";
+    if (file == dir + "/" + fifo) {
+      EXPECT_EQ(mkfifo(file.c_str(), 0600), 0) << std::strerror(errno);
+    } else {
+      WriteFile(file, std::string(70000, '\0'));
+    }
+  }
+  WriteFile(dir + "/configurator.cfg", cfg);
+  return dir;
+}
+
+// The simulator's program, once it waits in the open of a FIFO nobody writes
+// to (by its wait channel, which also holds for a program run through an
+// emulator, or by its system call). Waits as long as that takes.
+pid_t ProgramBlockedInOpen(pid_t sim) {
+  const auto read = [](const std::string& path) {
+    std::ifstream in(path);
+    std::string word;
+    in >> word;
+    return word;
+  };
+  for (;;) {
+    const std::string program = read(e2e::Format("/proc/%d/task/%d/children", sim, sim));
+    if (!program.empty() && (read("/proc/" + program + "/wchan") == "wait_for_partner" ||
+                             read("/proc/" + program + "/syscall") == std::to_string(SYS_openat))) {
+      return static_cast<pid_t>(std::stol(program));
+    }
+    usleep(1000);
+  }
+}
+
+// A bad option, or a capture folder that is not free, is the simulator's own
+// failure: exit status 2, one message naming the simulator, and the program
+// never runs.
+TEST_F(SimulatorTest, BadOptionsExit2BeforeTheProgramRuns) {
+  const std::string marker = dir() + "/ran";
+  ASSERT_TRUE(fs::create_directory(dir() + "/capture"));
+  WriteFile(dir() + "/capture/earlier.txt", "");
+  const std::vector<std::pair<Lines, std::string>> bad = {
+      {{"--bogus"}, ""},
+      {{"--nodes", "three"}, ""},
+      {{"--node", "sw=maybe"}, ""},
+      {{"--node", "sw=absent@2", "--node", "sw=present@1s"}, ""},
+      {{"--fail-alloc", "0"}, "not in range 1 to 999999999999999999 "},
+      {{"--answer", "SET_PARAMS=1"}, ""},
+      {{"--dump-cache", dir() + "/no/such/folder/cache.bin"}, ""},
+      {{"--dump-cache", dir()}, ""},
+      {{"--capture", dir() + "/capture"}, "not empty"},
+      {{"--capture", dir() + "/capture", "--force"}, "which no capture wrote"},
+  };
+  for (const auto& [options, says] : bad) {
+    SCOPED_TRACE(options.front() + " " + options.back());
+    const RunResult run = RunSim(options, {"touch", marker});
+    EXPECT_EQ(run.status, 2);
+    EXPECT_THAT(run.err, testing::MatchesRegex("korva-driver-sim: [^\n]+\n")) << run.err;
+    EXPECT_THAT(run.err, testing::HasSubstr(says));
+    EXPECT_FALSE(fs::exists(marker)) << "the program ran";
+  }
+  EXPECT_TRUE(fs::exists(dir() + "/capture/earlier.txt"));
+
+  RunResult run = RunSim({"--version"}, {"true"});
+  EXPECT_EQ(run.status, 0);
+  EXPECT_THAT(run.out, testing::MatchesRegex("korva-driver-sim [0-9]+\\.[0-9]+\n"));
+  run = RunSim({"--help"}, {"true"});
+  EXPECT_EQ(run.status, 0);
+  EXPECT_THAT(run.out, testing::HasSubstr("--fail-alloc"));
+}
+
+// While a run is under way its capture folder is its own: another run given
+// it stops before its program runs, with --force too, and clears nothing.
+// Once the run has ended, --force clears its capture.
+TEST_F(SimulatorTest, ACaptureFolderBelongsToOneRun) {
+  const std::string fifo = dir() + "/hold";
+  const std::string capture = dir() + "/capture";
+  const std::string marker = dir() + "/ran";
+  ASSERT_EQ(mkfifo(fifo.c_str(), 0600), 0) << std::strerror(errno);
+  const e2e::SimProcess first = StartSim({"--capture", capture}, {"cat", fifo});
+  ASSERT_GT(first.pid, 0);
+  ProgramBlockedInOpen(first.pid);
+  for (const Lines& options : {Lines{"--capture", capture}, Lines{"--capture", capture, "--force"}}) {
+    SCOPED_TRACE(options.back());
+    const RunResult run = RunSim(options, {"touch", marker});
+    EXPECT_EQ(run.status, 2);
+    EXPECT_EQ(run.err, "korva-driver-sim: capture folder " + capture + " is in use by another korva-driver-sim run\n");
+    EXPECT_FALSE(fs::exists(marker)) << "the program ran";
+  }
+  WriteFile(fifo, "");  // lets the first run's program end
+  EXPECT_EQ(WaitSim(first).status, 0);
+  // Then --force clears that capture (and only a capture: see BadOptions).
+  WriteFile(capture + "/0001-SET_PARAM.bin", "");
+  EXPECT_EQ(RunSim({"--capture", capture, "--force"}, {"true"}).status, 0);
+  EXPECT_EQ(std::distance(fs::directory_iterator(capture), fs::directory_iterator()), 1);
+}
+
+// A program waiting in an open stops on SIGTERM or Ctrl-C sent to the
+// simulator, which exits as a shell would for the program's death.
+TEST_F(SimulatorTest, SignalsStopAProgramWaitingInAnOpen) {
+  const std::string fifo = dir() + "/hold";
+  ASSERT_EQ(mkfifo(fifo.c_str(), 0600), 0) << std::strerror(errno);
+  ASSERT_TRUE(fs::create_directory(dir() + "/set"));
+  const std::string set = BlankTuningSet(dir() + "/set", "lineout0.bin");
+  const std::vector<std::pair<Lines, int>> cases = {
+      {{"cat", fifo}, SIGTERM},                   // open(2)
+      {{e2e::kConfiguratorExe, set}, SIGINT},     // a FIFO slot file, through the C++ library's fopen
+  };
+  for (const auto& [command, signal] : cases) {
+    SCOPED_TRACE(command.front());
+    const e2e::SimProcess sim = StartSim({}, command);
+    ASSERT_GT(sim.pid, 0);
+    ProgramBlockedInOpen(sim.pid);
+    kill(sim.pid, signal);
+    const RunResult run = WaitSim(sim);
+    EXPECT_EQ(run.status, 128 + signal);
+    EXPECT_THAT(run.err, testing::HasSubstr(std::string("korva-driver-sim: program killed by signal ") +
+                                            strsignal(signal) + "\n"));
+  }
+}
+
+// What a run leaves behind is whole or not there, and a capture or cache
+// file that cannot be written whole fails the run (status 2). Full disks are
+// a small tmpfs (when this user can mount one) or /dev/full.
+TEST_F(SimulatorTest, ARunsRecordIsWholeOrTheRunFails) {
+  ASSERT_TRUE(fs::create_directory(dir() + "/set"));
+  const std::string set = BlankTuningSet(dir() + "/set");
+  const std::string full = dir() + "/full";
+  ASSERT_TRUE(fs::create_directory(full));
+  // Room for some of the uploads' arguments, not all.
+  const bool mounted = mount("tmpfs", full.c_str(), "tmpfs", 0, "size=200k") == 0;
+  const std::string older = dir() + "/older.bin";
+  WriteFile(older, "older");
+  const Lines configurator = {e2e::kConfiguratorExe, set};
+  struct Case {
+    Lines options;
+    Lines command;
+    int status;
+    std::string says;
+  };
+  const std::vector<Case> cases = {
+      {{"--capture", full + "/capture"}, configurator, 2, "capture incomplete: cannot write " + full + "/capture/"},
+      {{"--dump-cache", full + "/cache.bin"}, configurator, 2,
+       "cannot write " + full + "/cache.bin: No space left on device"},
+      {{"--dump-cache", "/dev/full"}, configurator, 2, "cannot write /dev/full: No space left on device"},
+      {{"--dump-cache", older}, {"sh", "-c", "exit 3"}, 3,
+       "--dump-cache: the program set up no cache; " + older + " not written"},
+      {{"--answer", "SET_PARAM#7=1"}, configurator, 0, "--answer SET_PARAM#7=1 never applied"},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.options.back());
+    if (c.options.back().rfind(full, 0) == 0 && !mounted) {
+      std::printf("skipped: cannot mount a tmpfs on %s (%s)\n", full.c_str(), std::strerror(errno));
+      continue;
+    }
+    const RunResult run = RunSim(c.options, c.command);
+    EXPECT_EQ(run.status, c.status);
+    EXPECT_THAT(run.err, testing::HasSubstr("korva-driver-sim: " + c.says));
+    if (c.options.front() == "--capture") {
+      // Reading the capture checks that every argument file it lists is
+      // whole; nothing else is there. It ends at the first upload that did not fit.
+      const size_t n = run.requests.size();
+      EXPECT_THAT(run.err, testing::HasSubstr(e2e::Format("/capture/%04zu-SET_PARAM.bin: No space left on device; ",
+                                                          n + 1) + full + "/capture/requests.jsonl holds the first " +
+                                              std::to_string(n) + " requests\n"));
+      EXPECT_EQ(std::distance(fs::directory_iterator(full + "/capture"), fs::directory_iterator()), n + 1);
+      fs::remove_all(full + "/capture");
+    }
+    EXPECT_TRUE(!mounted || fs::is_empty(full)) << "a temporary or partial file remains";
+  }
+  EXPECT_EQ(ReadFile(older), "older");
+  for (const fs::directory_entry& entry : fs::directory_iterator(dir())) {
+    EXPECT_NE(entry.path().filename().string().rfind("older.bin.", 0), 0u) << "a temporary file remains";
+  }
+  EXPECT_TRUE(!mounted || umount(full.c_str()) == 0) << std::strerror(errno);
 }
 
 }  // namespace

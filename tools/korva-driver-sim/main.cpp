@@ -8,7 +8,6 @@
 // node rules (node_rules.h) and makes the upload buffer allocation fail when
 // asked to.
 #include <fcntl.h>
-#include <glib-unix.h>
 #include <glib.h>
 #include <signal.h>
 #include <sys/stat.h>
@@ -18,6 +17,7 @@
 
 #include <CLI/CLI.hpp>
 #include <cerrno>
+#include <csignal>
 #include <cstdio>
 #include <cstring>
 #include <string>
@@ -191,13 +191,50 @@ struct ChildState {
   int status = 0;
 };
 
-// A signal meant to stop the run goes on to the program; the simulator stays
-// until the program has ended, so that it can clean up its testbed.
-template <int Signal>
-gboolean ForwardSignal(gpointer data) {
-  const auto* child = static_cast<const ChildState*>(data);
-  if (!child->done) kill(child->pid, Signal);
-  return G_SOURCE_CONTINUE;
+// The signals meant to stop a run go on to the program; the simulator stays
+// until the program has ended, so that it can clean up its testbed and
+// report. They are blocked from just before the program starts until its
+// process id is known here, so that none is lost.
+constexpr int kForwardedSignals[] = {SIGINT, SIGTERM, SIGHUP, SIGQUIT};
+volatile sig_atomic_t g_programPid = 0;
+
+void Forward(int signal) {
+  if (g_programPid > 0) kill(static_cast<pid_t>(g_programPid), signal);
+}
+
+sigset_t ForwardedSignals() {
+  sigset_t set;
+  sigemptyset(&set);
+  for (const int signal : kForwardedSignals) sigaddset(&set, signal);
+  return set;
+}
+
+// The signals the simulator was started with ignored (nohup, a shell's
+// background job): the program gets them ignored too, and every other signal
+// with its default action, whatever the simulator's libraries set up meanwhile.
+sigset_t g_ignoredAtStart;
+
+void NoteIgnoredSignals() {
+  sigemptyset(&g_ignoredAtStart);
+  for (int signal = 1; signal < NSIG; ++signal) {
+    struct sigaction action {};
+    if (sigaction(signal, nullptr, &action) == 0 && action.sa_handler == SIG_IGN) sigaddset(&g_ignoredAtStart, signal);
+  }
+}
+
+// Runs in the child before exec (after GLib has reset some signals to their
+// default): no signal blocked, those ignored that the simulator was given
+// ignored, and no other.
+void ResetSignals(gpointer /*data*/) {
+  for (int signal = 1; signal < NSIG; ++signal) {
+    struct sigaction action {};
+    if (sigaction(signal, nullptr, &action) != 0) continue;
+    const bool ignore = sigismember(&g_ignoredAtStart, signal) == 1;
+    if (ignore != (action.sa_handler == SIG_IGN)) std::signal(signal, ignore ? SIG_IGN : SIG_DFL);
+  }
+  sigset_t none;
+  sigemptyset(&none);
+  sigprocmask(SIG_SETMASK, &none, nullptr);
 }
 
 void OnChildExit(GPid pid, gint status, gpointer data) {
@@ -264,6 +301,7 @@ int PassOn(int status) {
 }  // namespace
 
 int main(int argc, char** argv) {
+  NoteIgnoredSignals();
   int split = argc;
   for (int i = 1; i < argc; ++i) {
     if (std::strcmp(argv[i], "--") == 0) {
@@ -277,8 +315,9 @@ int main(int argc, char** argv) {
   app.footer(
       "Run as: korva-driver-sim [OPTIONS] -- PROGRAM [ARG...]\n"
       "The program's output and exit status pass through unchanged. The simulator's own failures "
-      "(a bad option, a capture folder or cache file it cannot write) exit with 2 before the "
-      "program runs; a program that cannot be started, with 127.");
+      "(a bad option, a capture folder that is in use or not empty, a cache file it cannot write) "
+      "exit with 2 before the program runs; a program that cannot be started, with 127. A capture "
+      "or cache file that cannot be written whole after the run also exits with 2.");
   app.set_version_flag("--version", std::string("korva-driver-sim ") + KORVA_SIM_VERSION);
   std::string nodes = "both";
   std::vector<std::string> nodeTexts;
@@ -305,7 +344,7 @@ int main(int argc, char** argv) {
                  "the N-th allocation of an upload buffer (" + std::to_string(sizeof(qvr_korva_upload)) +
                      " bytes) in the program returns null with ENOMEM")
       ->type_name("N")
-      ->check(CLI::PositiveNumber);
+      ->check(CLI::Range(uint64_t{1}, korva_sim::kMaxCount));
   app.add_option("--dsp-version", config.dspVersion, "reply text of the version query")
       ->capture_default_str();
   app.add_option("--dsp-description", config.dspDescription, "reply text of the description query")
@@ -409,12 +448,24 @@ int main(int argc, char** argv) {
   }
   g_free(root);
 
+  struct sigaction forward {};
+  forward.sa_handler = Forward;
+  forward.sa_flags = SA_RESTART;
+  sigemptyset(&forward.sa_mask);
+  for (const int signal : kForwardedSignals) {
+    if (sigismember(&g_ignoredAtStart, signal) == 0) sigaction(signal, &forward, nullptr);
+  }
+  const sigset_t forwarded = ForwardedSignals();
+  sigset_t unblocked;
+  pthread_sigmask(SIG_BLOCK, &forwarded, &unblocked);
   GPid pid = 0;
   GError* spawnError = nullptr;
   const auto flags = static_cast<GSpawnFlags>(G_SPAWN_DO_NOT_REAP_CHILD | G_SPAWN_SEARCH_PATH |
                                               G_SPAWN_CHILD_INHERITS_STDIN);
   const gboolean spawned =
-      g_spawn_async(nullptr, argv + split + 1, env, flags, nullptr, nullptr, &pid, &spawnError);
+      g_spawn_async(nullptr, argv + split + 1, env, flags, ResetSignals, nullptr, &pid, &spawnError);
+  if (spawned) g_programPid = pid;
+  pthread_sigmask(SIG_SETMASK, &unblocked, nullptr);
   g_strfreev(env);
   int status = 127;
   if (!spawned) {
@@ -424,15 +475,12 @@ int main(int argc, char** argv) {
     ChildState child;
     child.pid = pid;
     g_child_watch_add(pid, OnChildExit, &child);
-    g_unix_signal_add(SIGINT, ForwardSignal<SIGINT>, &child);
-    g_unix_signal_add(SIGTERM, ForwardSignal<SIGTERM>, &child);
-    g_unix_signal_add(SIGHUP, ForwardSignal<SIGHUP>, &child);
     while (!child.done) g_main_context_iteration(nullptr, TRUE);
     status = PassOn(child.status);
   }
 
-  // After the run the simulator reports, but never changes the program's
-  // exit status.
+  // After the run the simulator reports; only a record it could not write
+  // whole changes the program's exit status.
   if (spawned) {
     korva_sim::Injections injections;
     if (!korva_sim::ReadInjections(eventsPath, injections, error)) Complain(error);
@@ -448,7 +496,24 @@ int main(int argc, char** argv) {
     for (const korva_sim::AnswerRule& rule : driver.UnmatchedAnswers()) {
       Complain("--answer " + rule.text + " never applied: the program sent fewer " + rule.request + " requests");
     }
-    if (!dumpCache.empty() && !cacheFile.Commit(driver.cache(), error)) Complain(error);
+    // What the run leaves behind is whole, or the run fails: a capture or
+    // cache file that could not be written whole turns the exit status to 2.
+    bool whole = true;
+    if (!driver.captureError().empty()) {
+      Complain("capture incomplete: " + driver.captureError() + "; " + config.captureDir +
+               "/requests.jsonl holds the first " + std::to_string(driver.recorded()) + " requests");
+      whole = false;
+    }
+    if (!dumpCache.empty() && driver.cache().empty()) {
+      Complain("--dump-cache: the program set up no cache; " + dumpCache + " not written");
+    } else if (!dumpCache.empty() && !cacheFile.Commit(driver.cache(), error)) {
+      Complain(error);
+      whole = false;
+    }
+    if (!whole) {
+      if (status != 0) Complain("the program's exit status was " + std::to_string(status));
+      status = kUsageStatus;
+    }
   }
   g_object_unref(handler);
   g_object_unref(testbed);

@@ -39,9 +39,12 @@ struct NodeRule {
   uint64_t from = 0;  // open number (kOpen) or milliseconds (kTime)
 };
 
+// Largest count (of opens, of allocations) a rule or option takes: 18 digits.
+constexpr uint64_t kMaxCount = 999999999999999999;
+
 namespace detail {
 
-// Decimal digits only; false on none, on anything else, or on overflow.
+// Decimal digits only, at most kMaxCount; false on none or on anything else.
 constexpr bool ParseCount(std::string_view text, uint64_t& value) {
   if (text.empty() || text.size() > 18) return false;
   value = 0;

@@ -10,6 +10,12 @@
 // Each open of a node and each allocation made to fail is noted in the
 // events file, for the simulator's summary.
 //
+// Every other open of an absolute path outside /dev, /sys, /proc and /run
+// (the only places umockdev redirects) goes straight to the C library.
+// umockdev's wrappers hold every signal blocked while the call they wrap
+// runs: a program blocked there (opening a FIFO nobody writes to) could then
+// be stopped by SIGKILL only, not by SIGTERM or Ctrl-C.
+//
 // Why not leave a node out of the testbed and let the open fall through to
 // the host's /dev? Two reasons: the host's own nodes must stay invisible to a
 // simulated run, and umockdev's preload keeps an entry for every failed open
@@ -22,6 +28,7 @@
 // events file with plain system calls, never through stdio or the heap.
 #include <dlfcn.h>
 #include <fcntl.h>
+#include <gnu/lib-names.h>
 #include <sys/syscall.h>
 #include <time.h>
 #include <unistd.h>
@@ -31,6 +38,7 @@
 #include <cstdarg>
 #include <cstddef>
 #include <cstdint>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 
@@ -197,6 +205,28 @@ Function Next(const char* name) {
   return reinterpret_cast<Function>(dlsym(RTLD_NEXT, name));
 }
 
+// True for a path umockdev never redirects into its testbed: an absolute
+// path outside /dev, /sys, /proc and /run. Relative paths stay with
+// umockdev, which follows the working directory into the testbed.
+bool OutsideTestbed(const char* path) {
+  if (path == nullptr || path[0] != '/') return false;
+  for (const char* top : {"/dev", "/sys", "/proc", "/run"}) {
+    const size_t n = std::strlen(top);
+    if (std::strncmp(path, top, n) == 0 && (path[n] == '/' || path[n] == '\0')) return false;
+  }
+  return true;
+}
+
+// The C library's own `name`, past every preloaded wrapper.
+template <typename Function>
+Function Libc(const char* name) {
+  void* libc = dlopen(LIBC_SO, RTLD_LAZY | RTLD_NOLOAD);
+  void* symbol = libc != nullptr ? dlsym(libc, name) : nullptr;
+  return symbol != nullptr ? reinterpret_cast<Function>(symbol) : Next<Function>(name);
+}
+
+// The function an open of `path` goes on to: the C library's for a path
+// outside the testbed, else the next wrapper's (umockdev's).
 using OpenFunction = int (*)(const char*, int, ...);
 using OpenAtFunction = int (*)(int, const char*, int, ...);
 using OpenCheckedFunction = int (*)(const char*, int);
@@ -221,54 +251,84 @@ extern "C" {
 int open(const char* path, int flags, ...) {
   KORVA_SIM_MODE(flags)
   if (Refuse(path)) return -1;
-  static const OpenFunction next = Next<OpenFunction>("open");
+  static const OpenFunction toLibc = Libc<OpenFunction>("open");
+  static const OpenFunction toNext = Next<OpenFunction>("open");
+  const OpenFunction next = OutsideTestbed(path) ? toLibc : toNext;
   return next(path, flags, mode);
 }
 
 int open64(const char* path, int flags, ...) {
   KORVA_SIM_MODE(flags)
   if (Refuse(path)) return -1;
-  static const OpenFunction next = Next<OpenFunction>("open64");
+  static const OpenFunction toLibc = Libc<OpenFunction>("open64");
+  static const OpenFunction toNext = Next<OpenFunction>("open64");
+  const OpenFunction next = OutsideTestbed(path) ? toLibc : toNext;
   return next(path, flags, mode);
 }
 
 int openat(int dirfd, const char* path, int flags, ...) {
   KORVA_SIM_MODE(flags)
   if (Refuse(path)) return -1;
-  static const OpenAtFunction next = Next<OpenAtFunction>("openat");
+  static const OpenAtFunction toLibc = Libc<OpenAtFunction>("openat");
+  static const OpenAtFunction toNext = Next<OpenAtFunction>("openat");
+  const OpenAtFunction next = OutsideTestbed(path) ? toLibc : toNext;
   return next(dirfd, path, flags, mode);
 }
 
 int openat64(int dirfd, const char* path, int flags, ...) {
   KORVA_SIM_MODE(flags)
   if (Refuse(path)) return -1;
-  static const OpenAtFunction next = Next<OpenAtFunction>("openat64");
+  static const OpenAtFunction toLibc = Libc<OpenAtFunction>("openat64");
+  static const OpenAtFunction toNext = Next<OpenAtFunction>("openat64");
+  const OpenAtFunction next = OutsideTestbed(path) ? toLibc : toNext;
   return next(dirfd, path, flags, mode);
 }
 
 // The entry points of programs built with _FORTIFY_SOURCE.
 int __open_2(const char* path, int flags) {
   if (Refuse(path)) return -1;
-  static const OpenCheckedFunction next = Next<OpenCheckedFunction>("__open_2");
+  static const OpenCheckedFunction toLibc = Libc<OpenCheckedFunction>("__open_2");
+  static const OpenCheckedFunction toNext = Next<OpenCheckedFunction>("__open_2");
+  const OpenCheckedFunction next = OutsideTestbed(path) ? toLibc : toNext;
   return next(path, flags);
 }
 
 int __open64_2(const char* path, int flags) {
   if (Refuse(path)) return -1;
-  static const OpenCheckedFunction next = Next<OpenCheckedFunction>("__open64_2");
+  static const OpenCheckedFunction toLibc = Libc<OpenCheckedFunction>("__open64_2");
+  static const OpenCheckedFunction toNext = Next<OpenCheckedFunction>("__open64_2");
+  const OpenCheckedFunction next = OutsideTestbed(path) ? toLibc : toNext;
   return next(path, flags);
 }
 
 int __openat_2(int dirfd, const char* path, int flags) {
   if (Refuse(path)) return -1;
-  static const OpenAtCheckedFunction next = Next<OpenAtCheckedFunction>("__openat_2");
+  static const OpenAtCheckedFunction toLibc = Libc<OpenAtCheckedFunction>("__openat_2");
+  static const OpenAtCheckedFunction toNext = Next<OpenAtCheckedFunction>("__openat_2");
+  const OpenAtCheckedFunction next = OutsideTestbed(path) ? toLibc : toNext;
   return next(dirfd, path, flags);
 }
 
 int __openat64_2(int dirfd, const char* path, int flags) {
   if (Refuse(path)) return -1;
-  static const OpenAtCheckedFunction next = Next<OpenAtCheckedFunction>("__openat64_2");
+  static const OpenAtCheckedFunction toLibc = Libc<OpenAtCheckedFunction>("__openat64_2");
+  static const OpenAtCheckedFunction toNext = Next<OpenAtCheckedFunction>("__openat64_2");
+  const OpenAtCheckedFunction next = OutsideTestbed(path) ? toLibc : toNext;
   return next(dirfd, path, flags);
+}
+
+using FopenFunction = FILE* (*)(const char*, const char*);
+
+FILE* fopen(const char* path, const char* mode) {
+  static const FopenFunction toLibc = Libc<FopenFunction>("fopen");
+  static const FopenFunction toNext = Next<FopenFunction>("fopen");
+  return (OutsideTestbed(path) ? toLibc : toNext)(path, mode);
+}
+
+FILE* fopen64(const char* path, const char* mode) {
+  static const FopenFunction toLibc = Libc<FopenFunction>("fopen64");
+  static const FopenFunction toNext = Next<FopenFunction>("fopen64");
+  return (OutsideTestbed(path) ? toLibc : toNext)(path, mode);
 }
 
 }  // extern "C"

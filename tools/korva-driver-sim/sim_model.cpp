@@ -1,6 +1,9 @@
 #include "tools/korva-driver-sim/sim_model.h"
 
+#include <fcntl.h>
 #include <glib.h>
+#include <sys/file.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
@@ -61,6 +64,21 @@ bool IsCaptureFile(const std::string& name) {
   const auto isNameChar = [](char c) { return (c >= 'A' && c <= 'Z') || c == '_'; };
   return std::all_of(name.begin(), name.begin() + static_cast<long>(dash), isDigit) &&
          std::all_of(name.begin() + static_cast<long>(dash) + 1, name.end() - 4, isNameChar);
+}
+
+// Writes all of `data` to `fd`; false with errno set when it cannot.
+bool WriteAll(int fd, const char* data, size_t size) {
+  while (size > 0) {
+    const ssize_t n = write(fd, data, size);
+    if (n < 0 && errno == EINTR) continue;
+    if (n <= 0) {
+      if (n == 0) errno = EIO;
+      return false;
+    }
+    data += n;
+    size -= static_cast<size_t>(n);
+  }
+  return true;
 }
 
 // Makes `dir` empty for a new capture: an earlier capture is removed when
@@ -170,19 +188,33 @@ bool ReadInjections(const std::string& path, Injections& injections, std::string
 Driver::Driver(DriverConfig config) : config_(std::move(config)) {}
 
 Driver::~Driver() {
-  if (journal_ != nullptr) std::fclose(journal_);
+  if (journal_ >= 0) close(journal_);
+  if (captureLock_ >= 0) close(captureLock_);
 }
 
 bool Driver::Start(std::string& error) {
   if (config_.captureDir.empty()) return true;
-  if (g_mkdir_with_parents(config_.captureDir.c_str(), 0755) != 0) {
-    error = "cannot create " + config_.captureDir + ": " + std::strerror(errno);
+  const std::string& dir = config_.captureDir;
+  if (g_mkdir_with_parents(dir.c_str(), 0755) != 0) {
+    error = "cannot create " + dir + ": " + std::strerror(errno);
     return false;
   }
-  if (!PrepareCaptureDir(config_.captureDir, config_.clearCapture, error)) return false;
-  const std::string path = config_.captureDir + "/requests.jsonl";
-  journal_ = std::fopen(path.c_str(), "w");
-  if (journal_ == nullptr) {
+  // The folder belongs to this run from here to its end: another run given
+  // the same folder stops here, before it looks at or clears anything.
+  captureLock_ = open(dir.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+  if (captureLock_ < 0) {
+    error = "cannot read " + dir + ": " + std::strerror(errno);
+    return false;
+  }
+  if (flock(captureLock_, LOCK_EX | LOCK_NB) != 0) {
+    error = errno == EWOULDBLOCK ? "capture folder " + dir + " is in use by another korva-driver-sim run"
+                                 : "cannot lock " + dir + ": " + std::strerror(errno);
+    return false;
+  }
+  if (!PrepareCaptureDir(dir, config_.clearCapture, error)) return false;
+  const std::string path = dir + "/requests.jsonl";
+  journal_ = open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0644);
+  if (journal_ < 0) {
     error = "cannot write " + path + ": " + std::strerror(errno);
     return false;
   }
@@ -304,23 +336,37 @@ Outcome Driver::Handle(const std::string& node, uint32_t code, const ArgumentAcc
 
 void Driver::Record(const std::string& node, const std::string& name, uint32_t code,
                     const Outcome& outcome, const std::vector<uint8_t>& bytes) {
-  if (journal_ == nullptr) return;
+  if (journal_ < 0 || !captureError_.empty()) return;
   char file[64];
   std::snprintf(file, sizeof file, "%04u-%s.bin", seq_, name.c_str());
   const std::string path = config_.captureDir + "/" + file;
-  if (FILE* f = std::fopen(path.c_str(), "wb")) {
-    if (!bytes.empty()) std::fwrite(bytes.data(), 1, bytes.size(), f);
-    std::fclose(f);
-  } else {
-    std::fprintf(stderr, "korva-driver-sim: cannot write %s: %s\n", path.c_str(), std::strerror(errno));
-  }
-  const nlohmann::ordered_json line = {
+  const nlohmann::ordered_json record = {
       {"seq", seq_},          {"node", node},         {"request", name},
       {"code", code},         {"answer", outcome.answer}, {"errno", outcome.error},
       {"arg", file},          {"arg_size", bytes.size()},
   };
-  std::fprintf(journal_, "%s\n", line.dump().c_str());
-  std::fflush(journal_);
+  const std::string line = record.dump() + "\n";
+  // The argument file first, whole, then its line: the journal never names
+  // a file that is not there whole. What fails is taken back, and the
+  // capture ends there.
+  const int fd = open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0644);
+  int failure = fd < 0 ? errno : 0;
+  if (fd >= 0) {
+    if (!WriteAll(fd, reinterpret_cast<const char*>(bytes.data()), bytes.size())) failure = errno;
+    if (close(fd) != 0 && failure == 0) failure = errno;
+    if (failure != 0) unlink(path.c_str());
+  }
+  if (failure != 0) {
+    captureError_ = "cannot write " + path + ": " + std::strerror(failure);
+  } else if (!WriteAll(journal_, line.data(), line.size())) {
+    captureError_ = "cannot write " + config_.captureDir + "/requests.jsonl: " + std::strerror(errno);
+    if (ftruncate(journal_, static_cast<off_t>(journalSize_)) != 0 || unlink(path.c_str()) != 0) {
+      captureError_ += " (and cannot take back the partial record)";
+    }
+  } else {
+    journalSize_ += line.size();
+    ++recorded_;
+  }
 }
 
 void Driver::PrintSummary(FILE* out, const Injections& injections) const {

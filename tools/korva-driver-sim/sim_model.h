@@ -97,8 +97,9 @@ class Driver {
   Driver(const Driver&) = delete;
   Driver& operator=(const Driver&) = delete;
 
-  // Opens the capture (when one was asked for). False with `error` set when
-  // the capture directory cannot be written, or holds files already: an
+  // Opens the capture (when one was asked for) and holds the capture folder
+  // for this driver's lifetime. False with `error` set when the folder cannot
+  // be written, is held by another run, or holds files already: an
   // earlier capture (its requests.jsonl and NNNN-REQUEST.bin files) is
   // removed first when `clearCapture` is set; anything else stays, and is
   // refused.
@@ -116,6 +117,13 @@ class Driver {
   // The answer rules that never met their request: "REQUEST#N" whose N-th
   // REQUEST never arrived, or "REQUEST" that never arrived at all.
   std::vector<AnswerRule> UnmatchedAnswers() const;
+
+  // Why the capture is incomplete: the first request whose argument file
+  // or journal line could not be written whole (nothing of it stays, and
+  // nothing after it is recorded). Empty while the capture is whole.
+  const std::string& captureError() const { return captureError_; }
+  // Requests the capture holds.
+  uint32_t recorded() const { return recorded_; }
 
   const std::vector<uint8_t>& cache() const { return cache_; }
   const std::map<uint32_t, BlockState>& blocks() const { return blocks_; }
@@ -143,7 +151,11 @@ class Driver {
   std::map<std::string, uint32_t> occurrences_;
   uint32_t forcedAnswers_ = 0;  // requests answered by an --answer rule
   uint32_t seq_ = 0;
-  FILE* journal_ = nullptr;
+  int captureLock_ = -1;  // the capture folder, locked
+  int journal_ = -1;      // requests.jsonl
+  size_t journalSize_ = 0;
+  uint32_t recorded_ = 0;
+  std::string captureError_;
 };
 
 }  // namespace korva_sim
