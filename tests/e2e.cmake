@@ -9,22 +9,16 @@ else()
   find_program(QVR_FAKETIME faketime)
 endif()
 
-qvr_add_test(e2e_test
-  SOURCES e2e_test.cpp e2e_support.cpp
-  LIBS configurator_core nlohmann_json::nlohmann_json
-  LABELS target_programs)
-target_compile_definitions(e2e_test PRIVATE
-  QVR_CONFIGURATOR_EXE="$<TARGET_FILE:qvr_configurator>"
-  QVR_DRIVER_SIM_EXE="$<TARGET_FILE:korva-driver-sim>"
-  QVR_FAKETIME_EXE="${QVR_FAKETIME}")
-add_dependencies(e2e_test qvr_configurator korva-driver-sim)
-
-qvr_add_test(korva_sim_test
-  SOURCES korva_sim_test.cpp e2e_support.cpp
-  LIBS korva_sim_model configurator_core nlohmann_json::nlohmann_json
-  LABELS target_programs)
-target_compile_definitions(korva_sim_test PRIVATE
-  QVR_CONFIGURATOR_EXE="$<TARGET_FILE:qvr_configurator>"
-  QVR_DRIVER_SIM_EXE="$<TARGET_FILE:korva-driver-sim>"
-  QVR_FAKETIME_EXE="${QVR_FAKETIME}")
-add_dependencies(korva_sim_test qvr_configurator korva-driver-sim)
+# The configurator and the simulator run as processes, each test through the
+# same support code.
+foreach(name e2e_test korva_sim_test)
+  qvr_add_test(${name}
+    SOURCES ${name}.cpp e2e_support.cpp
+    LIBS korva_sim_model configurator_core nlohmann_json::nlohmann_json
+    LABELS target_programs)
+  target_compile_definitions(${name} PRIVATE
+    QVR_CONFIGURATOR_EXE="$<TARGET_FILE:qvr_configurator>"
+    QVR_DRIVER_SIM_EXE="$<TARGET_FILE:korva-driver-sim>"
+    QVR_FAKETIME_EXE="${QVR_FAKETIME}")
+  add_dependencies(${name} qvr_configurator korva-driver-sim)
+endforeach()
