@@ -429,20 +429,18 @@ TEST_F(SimulatorTest, ACaptureFolderBelongsToOneRun) {
   EXPECT_EQ(std::distance(fs::directory_iterator(capture), fs::directory_iterator()), 1);
 }
 
-// A program waiting in an open stops on SIGTERM or Ctrl-C sent to the
-// simulator, which exits as a shell would for the program's death.
+// A program waiting in an open (a FIFO as a slot file) stops on SIGTERM or
+// Ctrl-C sent to the simulator, which exits as a shell would for the
+// program's death. The program is the configurator, built for the same
+// machine as the simulator: under a user-mode emulator, a host program
+// started by the emulated simulator inherits the emulator's own signal mask,
+// every signal blocked, which no device ever sees.
 TEST_F(SimulatorTest, SignalsStopAProgramWaitingInAnOpen) {
-  const std::string fifo = dir() + "/hold";
-  ASSERT_EQ(mkfifo(fifo.c_str(), 0600), 0) << std::strerror(errno);
   ASSERT_TRUE(fs::create_directory(dir() + "/set"));
   const std::string set = BlankTuningSet(dir() + "/set", "lineout0.bin");
-  const std::vector<std::pair<Lines, int>> cases = {
-      {{"cat", fifo}, SIGTERM},                   // open(2)
-      {{e2e::kConfiguratorExe, set}, SIGINT},     // a FIFO slot file, through the C++ library's fopen
-  };
-  for (const auto& [command, signal] : cases) {
-    SCOPED_TRACE(command.front());
-    const e2e::SimProcess sim = StartSim({}, command);
+  for (const int signal : {SIGTERM, SIGINT}) {
+    SCOPED_TRACE(strsignal(signal));
+    const e2e::SimProcess sim = StartSim({}, {e2e::kConfiguratorExe, set});
     ASSERT_GT(sim.pid, 0);
     ProgramBlockedInOpen(sim.pid);
     kill(sim.pid, signal);
