@@ -191,14 +191,16 @@ dsp_description=$(param_default dsp_description)
 # the machine: log, requests and the final cache.
 ref=$work/reference
 rm -rf "$ref" && mkdir -p "$ref"
+# The log file holds the configurator's log only: a run that sets up no cache
+# (nocompat) is given no --dump-cache, which would say so in it.
 reference_run() {  # kind, simulator options...
   local kind=$1; shift
   "$sim" --nodes sw --dsp-version "$dsp_version" --dsp-description "$dsp_description" \
-    --capture "$ref/$kind.capture" --dump-cache "$ref/$kind.cache" "$@" -- \
+    --capture "$ref/$kind.capture" "$@" -- \
     "$host/configurator/qvr_configurator" "$tuning" 2> "$ref/$kind.log" || true
 }
-reference_run load
-reference_run refused --answer 'SET_PARAM#3=-5'
+reference_run load --dump-cache "$ref/load.cache"
+reference_run refused --dump-cache "$ref/refused.cache" --answer 'SET_PARAM#3=-5'
 reference_run nocompat --answer SET_CACHE_SIZE=-25 --answer GET_PARAM=-25 --answer SET_VOLUME_CONTROLS=-25
 grep -q 'Success setting parameters\.' "$ref/load.log" || fail "the example set does not load under the simulator"
 slots=$(grep -c 'load_one_qvrcs_set() : ' "$ref/load.log")
