@@ -192,30 +192,17 @@ class FilterCommandTest : public qvr_test::ScratchDirTest {
     return Write(name, tuning.SerializeAsString());
   }
 
-  // A search path whose slots hold `files` in order (the last repeated).
-  void WriteConfig(const std::vector<std::string>& files) {
-    std::string text;
-    size_t i = 0;
-    for (const qvr::ConfigSlot& slot : qvr::kConfigSlots) {
-      text += std::string(slot.name) + " { filename: \"" + files[std::min(i++, files.size() - 1)] +
-              "\" device_bitmask: 1 }\n";
-    }
-    WriteFile(Path("configurator.cfg"), text);
-  }
+  void WriteConfig(const std::vector<std::string>& files) { Write("configurator.cfg", SlotConfig(files)); }
 };
 
+// Plots go through the same conversion and drawing as the report's (its
+// command line: qvrcs_output_test), so the report of the example set and of
+// crafted files draws every one of them.
 TEST_F(FilterCommandTest, PlotAndReportTakeEveryExampleAndCraftedFailures) {
-  std::vector<std::string> files;
-  for (const auto& entry : fs::directory_iterator(QVR_EXAMPLES_DIR)) {
-    if (entry.path().extension() == ".bin") files.push_back(entry.path().string());
-  }
-  ASSERT_EQ(files.size(), 7u);
   // Files that fail to convert, or convert into something odd.
   Qvrcs unknownRoom = RoomTuning(Impulse(0), 1);
   PostmixOf(unknownRoom).mutable_frontroom(0)->set_uuid("unknown");
   Qvrcs tooLarge = RoomTuning(Ramp(6151, 1), 1);
-  Qvrcs noTable = RoomTuning(Impulse(0), 1);
-  PostmixOf(noTable).mutable_model()->mutable_rooms(0)->mutable_coefftables(0)->set_samplerate(44100);
   Qvrcs wrapping = RoomTuning(Ramp(128, 70000), 1);
   Qvrcs shortHpeqOverrun = qvr_test::TuningWith({});
   auto* eq = PostmixOf(shortHpeqOverrun).mutable_model()->add_headphones();
@@ -227,27 +214,16 @@ TEST_F(FilterCommandTest, PlotAndReportTakeEveryExampleAndCraftedFailures) {
   Qvrcs zeroLength = RoomTuning(Ramp(500, 1), 3);
   PostmixOf(zeroLength).mutable_model()->mutable_rooms(0)->set_brirlength(0);
   const std::vector<std::pair<std::string, const Qvrcs*>> crafted = {
-      {"unknown_room.bin", &unknownRoom}, {"too_large.bin", &tooLarge}, {"no_table.bin", &noTable},
-      {"zero_length.bin", &zeroLength},   {"overrun.bin", &shortHpeqOverrun}, {"no_workspace.bin", &noWorkspace},
-      {"wrapping.bin", &wrapping}};
+      {"unknown_room.bin", &unknownRoom}, {"too_large.bin", &tooLarge},       {"zero_length.bin", &zeroLength},
+      {"overrun.bin", &shortHpeqOverrun}, {"no_workspace.bin", &noWorkspace}, {"wrapping.bin", &wrapping}};
   std::vector<std::string> names;
   for (const auto& [name, tuning] : crafted) {
-    files.push_back(WriteTuning(name, *tuning));
+    WriteTuning(name, *tuning);
     names.push_back(name);
   }
-  for (const std::string& file : files) {
-    // PNG goes through the same data as SVG; two files suffice for it.
-    const bool png = file.find("max.bin") != std::string::npos || file.find("overrun.bin") != std::string::npos;
-    for (const char* extension : {".svg", ".png"}) {
-      if (std::string(extension) == ".png" && !png) continue;
-      const std::string out = Path("plot") + extension;
-      const ToolRun run = RunTool({"plot", file, "-o", out});
-      EXPECT_EQ(run.status, qvrcs_tool::kExitOk) << file << ": " << run.err;
-      EXPECT_GT(fs::file_size(out), 1000u) << file;
-    }
-  }
   // Two files over each other.
-  ToolRun run = RunTool({"plot", files[0], files.back(), "hpeq", "front_room", "-o", Path("both.svg")});
+  ToolRun run = RunTool({"plot", std::string(QVR_EXAMPLES_DIR) + "/max.bin", Path("wrapping.bin"), "hpeq", "front_room",
+                         "-o", Path("both.svg")});
   EXPECT_EQ(run.status, qvrcs_tool::kExitOk) << run.err;
   EXPECT_EQ(run.err, Path("both.svg") + ": 2 sections of two files\n");
 

@@ -33,21 +33,6 @@ using qvr_test::SettingsOf;
 using qvr_test::WriteFile;
 using qvrcs_tool::SlotOutcome;
 
-constexpr const char* kUuid = "6f1c2a3b-0000-4000-8000-00000000a001";
-
-// A file that loads: one front room of 100 values.
-Qvrcs Good() {
-  Qvrcs tuning = qvr_test::TuningWith({});
-  auto* room = PostmixOf(tuning).mutable_model()->add_rooms();
-  room->set_uuid(kUuid);
-  room->set_numpairs(1);
-  room->set_channelmask(3);
-  room->set_brirlength(50);
-  qvrcs::block_test::AddTable16(room->mutable_coefftables(), 48000, qvrcs::block_test::Ramp(100, 1));
-  PostmixOf(tuning).add_frontroom()->set_uuid(kUuid);
-  return tuning;
-}
-
 // ---- every kind of slot file: check against the configurator --------------
 
 struct SlotKind {
@@ -57,7 +42,7 @@ struct SlotKind {
 };
 
 const SlotKind kKinds[] = {
-    {"good.bin", [](const std::string& d) { WriteFile(d + "/good.bin", Good().SerializeAsString()); },
+    {"good.bin", [](const std::string& d) { WriteFile(d + "/good.bin", GoodTuning().SerializeAsString()); },
      SlotOutcome::kLoaded},
     {"missing.bin", [](const std::string&) {}, SlotOutcome::kFails},
     {"empty.bin", [](const std::string& d) { WriteFile(d + "/empty.bin", ""); }, SlotOutcome::kFails},
@@ -65,7 +50,7 @@ const SlotKind kKinds[] = {
     {"", [](const std::string&) {}, SlotOutcome::kBlank},  // names the search path itself
     {"bad.bin",
      [](const std::string& d) {
-       Qvrcs bad = Good();
+       Qvrcs bad = GoodTuning();
        PostmixOf(bad).mutable_frontroom(0)->set_uuid("6f1c2a3b-0000-4000-8000-00000000a002");
        WriteFile(d + "/bad.bin", bad.SerializeAsString());
      },
@@ -81,16 +66,7 @@ class OutcomeTest : public e2e::E2eTest {
       kind.make(dir());
       files.push_back(kind.file);
     }
-    WriteConfig(files);
-  }
-
-  // configurator.cfg naming `files` for the six slots in order.
-  void WriteConfig(const std::vector<std::string>& files) {
-    std::string text;
-    for (size_t i = 0; i < files.size(); ++i) {
-      text += std::string(qvr::kConfigSlots[i].name) + " { filename: \"" + files[i] + "\" device_bitmask: 1 }\n";
-    }
-    Write("configurator.cfg", text);
+    Write("configurator.cfg", SlotConfig(files));
   }
 
   // Checks the set and runs the configurator on it under the simulator: per
@@ -161,10 +137,10 @@ TEST_F(OutcomeTest, SlotFilesQvrcsDoesNotReadAreSaidSoAndNeverWaitedFor) {
   fs::create_symlink("/dev/zero", Path("zero.bin"));
   Write("large.bin", "");
   fs::resize_file(Path("large.bin"), (64u << 20) + 1);  // sparse
-  Write("good.bin", Good().SerializeAsString());
-  Write("locked.bin", Good().SerializeAsString());
+  Write("good.bin", GoodTuning().SerializeAsString());
+  Write("locked.bin", GoodTuning().SerializeAsString());
   chmod(Path("locked.bin").c_str(), 0);
-  WriteConfig({"zero.bin", "large.bin", "locked.bin", "good.bin", "good.bin", "good.bin"});
+  Write("configurator.cfg", SlotConfig({"zero.bin", "large.bin", "locked.bin", "good.bin"}));
   const qvrcs_tool::CheckReport report = CheckBesideConfigurator();
   EXPECT_EQ(qvrcs_tool::OutcomeText(report.slots[0]),
             "not checked (a character device: what the configurator reads from it depends on the device)");
@@ -210,7 +186,7 @@ TEST_F(OutcomeTest, AFileThatParsesNeitherWayIsWhatTheDeviceMakesOfIt) {
     EXPECT_EQ(Json::parse(RunTool({"check", "--json", path}).out)["inputs"][0]["slots"][0]["outcome"], "blank");
   }
   // A text tuning file named *.bin is binary unless --format says otherwise.
-  Write("text.bin", RunTool({"dump", Write("good.bin", Good().SerializeAsString())}).out);
+  Write("text.bin", RunTool({"dump", Write("good.bin", GoodTuning().SerializeAsString())}).out);
   EXPECT_EQ(RunTool({"explain", Path("text.bin")}).status, qvrcs_tool::kExitBadInput);
   EXPECT_EQ(RunTool({"explain", "--format", "text", Path("text.bin")}).status, qvrcs_tool::kExitOk);
 }
@@ -248,7 +224,7 @@ const StopCase kStops[] = {
 TEST_F(OutcomeTest, NoWarningComesFromASectionTheConversionNeverReached) {
   for (const StopCase& c : kStops) {
     SCOPED_TRACE(c.name);
-    Qvrcs tuning = Good();
+    Qvrcs tuning = GoodTuning();
     c.mutate(tuning);
     const ToolRun run = RunTool({"check", Write("stop.bin", tuning.SerializeAsString())});
     EXPECT_NE(run.out.find("FAILS"), std::string::npos) << run.out;
@@ -257,42 +233,45 @@ TEST_F(OutcomeTest, NoWarningComesFromASectionTheConversionNeverReached) {
   }
 }
 
-TEST_F(OutcomeTest, ARoomHeaderPastItsSectionSaysTheDspReadsTheFollowingSections) {
-  Qvrcs tuning = Good();
-  PostmixOf(tuning).mutable_model()->mutable_rooms(0)->set_brirlength(3100);  // 1 x 2 x 3100 > 6150 values
-  const ToolRun run = RunTool({"check", Write("long.bin", tuning.SerializeAsString())});
-  EXPECT_NE(run.out.find("100 values, fewer than numPairs x 2 x brirLength = 6200: the DSP reads zeros up to the "
-                         "section's end (byte " + std::to_string(qvrcs::kFrontRoomSlot + qvrcs::kFrontRoomCapacity) +
-                         "), then the following sections (wide_room, ...) [room-header]"),
-            std::string::npos)
-      << run.out;
-}
-
 // ---- exact round trips ---------------------------------------------------------
 
-TEST_F(OutcomeTest, AFileAgainstItsOwnPayloadOrUploadDiffersInNothing) {
-  Qvrcs tuning = Good();
-  auto* eq = PostmixOf(tuning).mutable_model()->add_headphones();  // a long filter: a note
-  eq->set_uuid(kUuid);
+// A file against its own payload, upload or cache block: the same, its notes
+// included; another cache block differs.
+TEST_F(OutcomeTest, AFileAgainstItsOwnPayloadUploadOrCacheBlockDiffersInNothing) {
+  Qvrcs tuning = GoodTuning();
+  auto* eq = PostmixOf(tuning).mutable_model()->mutable_headphones(0);  // a long filter: a note
   eq->set_ihpirlength(256);
-  qvrcs::block_test::AddTable16(eq->mutable_coefftables(), 48000, qvrcs::block_test::Ramp(514, 1));
-  PostmixOf(tuning).add_hpeqcoef()->set_uuid(kUuid);
+  eq->mutable_coefftables(0)->clear_coeff_16();
+  for (int32_t v : qvrcs::block_test::Ramp(514, 1)) eq->mutable_coefftables(0)->add_coeff_16(v);
   const std::string file = Write("noted.bin", tuning.SerializeAsString());
   const std::string payload = RunTool({"convert", file, "-o", "-"}).out;
   Write("noted.payload", payload);
+  const qvr_korva_param_desc desc{PARAM_ID_PREMIX, static_cast<int32_t>(qvr::kCacheBlockSize), 0, 0x80000003u};
+  Write("upload.bin", std::string(reinterpret_cast<const char*>(&desc), sizeof desc) + payload);
   std::string cache(static_cast<size_t>(qvr::kDriverCacheSize), '\0');
   cache.replace(2 * qvr::kCacheBlockSize, qvr::kCacheBlockSize, payload);
   Write("cache.bin", cache);
-  for (const std::vector<std::string>& args : std::vector<std::vector<std::string>>{
-           {"diff", file, Path("noted.payload")}, {"diff", "--block", "2", Path("cache.bin"), file}}) {
+  for (const std::vector<std::string>& args :
+       std::vector<std::vector<std::string>>{{"diff", file, Path("noted.payload")},
+                                             {"diff", file, Path("upload.bin")},
+                                             {"diff", "--block", "2", Path("cache.bin"), file}}) {
     const ToolRun run = RunTool(args);
     EXPECT_EQ(run.status, qvrcs_tool::kExitOk) << run.out;
     EXPECT_NE(run.out.find("0 fields or sections differ\n"), std::string::npos) << run.out;
   }
+  EXPECT_EQ(RunTool({"diff", "--block", "3", Path("cache.bin"), file}).status, qvrcs_tool::kExitFindings);
+  const ToolRun whole = RunTool({"diff", file, Path("cache.bin")});
+  EXPECT_EQ(whole.status, qvrcs_tool::kExitBadInput);
+  EXPECT_NE(whole.err.find("choose one with --block 0..5"), std::string::npos) << whole.err;
+  const ToolRun upload = RunTool({"explain", Path("upload.bin")});
+  EXPECT_EQ(upload.status, qvrcs_tool::kExitOk);
+  const std::string header =
+      Path("upload.bin") + ": upload; descriptor id 0x10015100, size 61664, offset 0, device 0x80000003; ";
+  EXPECT_EQ(upload.out.rfind(header, 0), 0u) << upload.out.substr(0, 200);
 }
 
 TEST_F(OutcomeTest, DumpJsonThenEncodeKeepsEveryByteOfAString) {
-  Qvrcs tuning = Good();
+  Qvrcs tuning = GoodTuning();
   SettingsOf(tuning).set_version("1.01.00\xff");
   PostmixOf(tuning).mutable_frontroom(0)->set_uuid("a\\xFF\\\\b");  // backslashes that look like escapes
   const std::string file = Write("odd.bin", tuning.SerializeAsString());

@@ -1,16 +1,13 @@
-// Tuning-file and configurator.cfg schemas: records encoded by hand from field
-// numbers and wire types must read as their text form says and be written
-// back byte for byte; declared defaults; configurator.cfg's text form; the
-// schema set as a whole.
+// Tuning-file schemas: records encoded by hand from field numbers and wire
+// types must read as their text form says and be written back byte for byte;
+// and no field of the whole schema changes its wire type. (configurator.cfg's
+// text form is read by the configurator's own reader: qvrcs_tool_test.)
 #include <gtest/gtest.h>
 
 #include <google/protobuf/descriptor.h>
-#include <google/protobuf/descriptor.pb.h>
-#include <google/protobuf/io/tokenizer.h>
 #include <google/protobuf/text_format.h>
 #include <google/protobuf/util/message_differencer.h>
 
-#include <algorithm>
 #include <cstdio>
 #include <memory>
 #include <set>
@@ -19,7 +16,6 @@
 
 #include "audioroute.pb.h"
 #include "coefs.pb.h"
-#include "configurator.pb.h"
 #include "korva2.pb.h"
 #include "korva_v1_1.pb.h"
 #include "listeningmodel.pb.h"
@@ -36,7 +32,6 @@ namespace v2 = com::qvr::pb::korva;
 namespace tech = com::qvr::pb::tech;
 namespace coef = com::qvr::pb::coef;
 namespace model = com::qvr::pb::model;
-namespace cfg = com::qvr::korva::configurator::qdsp6;
 
 std::string Hex(const std::string& bytes) {
   std::string out;
@@ -56,29 +51,6 @@ std::string Bytes(std::initializer_list<unsigned> values) {
 }
 
 const std::string kMinusOneVarint = Bytes({0xff, 0xff, 0xff, 0xff, 0xff, 0xff, 0xff, 0xff, 0xff, 0x01});
-
-// Every schema file compiled in: the import closure of the tuning-file
-// container and of the configuration file.
-std::vector<const gp::FileDescriptor*> SchemaFiles() {
-  std::vector<const gp::FileDescriptor*> files = {wbn::Qvrcs::descriptor()->file(),
-                                                  cfg::ConfiguratorConfig::descriptor()->file()};
-  for (size_t i = 0; i < files.size(); ++i) {
-    for (int d = 0; d < files[i]->dependency_count(); ++d) {
-      if (std::find(files.begin(), files.end(), files[i]->dependency(d)) == files.end()) {
-        files.push_back(files[i]->dependency(d));
-      }
-    }
-  }
-  return files;
-}
-
-std::vector<const gp::Descriptor*> SchemaMessages() {
-  std::vector<const gp::Descriptor*> messages;
-  for (const gp::FileDescriptor* f : SchemaFiles()) {
-    for (int m = 0; m < f->message_type_count(); ++m) messages.push_back(f->message_type(m));
-  }
-  return messages;
-}
 
 // ---- Records encoded by hand ---------------------------------------------------
 
@@ -267,11 +239,7 @@ TEST(SchemaWire, HandEncodedRecordsReadAsTheirTextFormAndWriteBackByteForByte) {
       // Negative enums and int32 values take ten-byte varints; uint32 does not.
       {tech::ChannelBands::default_instance(), bands,
        "band_data { type: PEQ_BAND_TYPE_NULL } band_data { gain: -1 q: 0.5 }"},
-      {model::roomModel::default_instance(),
-       Bytes({0x20, 0xff, 0xff, 0xff, 0xff, 0x0f, 0x38}) + kMinusOneVarint + Bytes({0x48}) + kMinusOneVarint,
-       "brirLength: 4294967295 reverbGain: -1 extType: NONE"},
       {model::headphoneEq::default_instance(), Bytes({0x28}) + kMinusOneVarint, "extType: NONE"},
-      {v11::KorvaSettings::default_instance(), Bytes({0x50}) + kMinusOneVarint, "route_flags: -1"},
       {v2::KorvaSettings::default_instance(), Bytes({0x50}) + kMinusOneVarint, "route_flags: -1"},
       // The zig-zag forms themselves: -1 is the single byte 1.
       {coef::CoefTable::default_instance(), Bytes({0x08, 0x7f, 0x12, 0x01, 0x01, 0x1a, 0x01, 0x02}),
@@ -291,105 +259,29 @@ TEST(SchemaWire, HandEncodedRecordsReadAsTheirTextFormAndWriteBackByteForByte) {
   }
 }
 
-// ---- configurator.cfg ------------------------------------------------------------
+// ---- The schema as a whole --------------------------------------------------------
 
-class ErrorLog : public gp::io::ErrorCollector {
- public:
-  void AddError(int line, gp::io::ColumnNumber column, const std::string& message) override {
-    text += std::to_string(line + 1) + ":" + std::to_string(column + 1) + ": " + message + "\n";
-  }
-  std::string text;
-};
-
-const char* const kSlots[] = {"attached0", "attached1", "lineout0", "bluetooth0", "combo0", "other"};
-
-// The six slots, each with its file and a bitmask; `skip` is left out, and
-// `dropBitmask` loses its bitmask.
-std::string ConfigText(const std::string& skip = "", const std::string& dropBitmask = "") {
-  std::string text = "# output slots\n";
-  for (int i = 0; i < 6; ++i) {
-    const std::string slot = kSlots[i];
-    if (slot == skip) continue;
-    text += slot + " {\n  filename: '" + slot + ".qvrcs'\n";
-    if (slot != dropBitmask) {
-      text += "  device_bitmask: " + (slot == "other" ? "0xffffffff" : std::to_string(2 << i)) + "\n";
-    }
-    text += "}\n";
-  }
-  return text;
-}
-
-bool Parse(const std::string& text, cfg::ConfiguratorConfig* config, ErrorLog* errors) {
-  gp::TextFormat::Parser parser;
-  parser.RecordErrorsTo(errors);
-  return parser.ParseFromString(text, config);
-}
-
-TEST(SchemaConfigFile, IncompleteOrForeignFilesAreRejected) {
-  cfg::ConfiguratorConfig binary;
-  binary.mutable_attached0()->set_filename("a");
-  const std::pair<std::string, std::string> cases[] = {
-      {ConfigText("other"), "other"},  // every slot and field is required
-      {ConfigText("", "combo0"), "combo0.device_bitmask"},
-      {ConfigText() + "extra { filename: 'x' device_bitmask: 1 }\n", "extra"},
-      {ConfigText("lineout0") + "lineout0 { filename: 'l' device_bitmask: -1 }\n", "Expected integer"},  // uint32
-      {binary.SerializePartialAsString(), ""},  // the binary encoding in place of text
-  };
-  for (const auto& [text, named] : cases) {
-    cfg::ConfiguratorConfig config;
-    ErrorLog errors;
-    EXPECT_FALSE(Parse(text, &config, &errors)) << text;
-    EXPECT_NE(errors.text.find(named), std::string::npos) << errors.text;
-  }
-}
-
-// ---- The schema set as a whole ------------------------------------------------------
-
-TEST(SchemaDescriptors, RecordsKeepTheFormatsPlainShape) {
-  std::set<std::string> reachable;  // messages a tuning file can carry
+// Tuning files come from other tools: they read the same here only while no
+// field is required and no integer changes its wire type. Settings and
+// coefficients are zig-zag integers throughout; the only plain int32 is the
+// route flags word. The listening model's counts are a case of their own.
+TEST(SchemaDescriptors, NoFieldChangesItsWireType) {
+  std::set<const gp::Descriptor*> seen;
   for (std::vector<const gp::Descriptor*> todo = {wbn::Qvrcs::descriptor()}; !todo.empty();) {
     const gp::Descriptor* d = todo.back();
     todo.pop_back();
-    if (!reachable.insert(d->full_name()).second) continue;
-    for (int i = 0; i < d->field_count(); ++i) {
-      if (d->field(i)->message_type()) todo.push_back(d->field(i)->message_type());
-    }
-  }
-  for (const gp::Descriptor* d : SchemaMessages()) {
-    SCOPED_TRACE(d->full_name());
-    EXPECT_EQ(d->oneof_decl_count() + d->extension_range_count() + d->nested_type_count() + d->enum_type_count() +
-                  d->extension_count() + d->reserved_range_count(),
-              0);
-    EXPECT_EQ(d->options().ByteSizeLong(), 0u);
-    const bool config = d->file()->package() == "com.qvr.korva.configurator.qdsp6";
-    EXPECT_TRUE(config || reachable.count(d->full_name()));
+    if (!seen.insert(d).second) continue;
     for (int i = 0; i < d->field_count(); ++i) {
       const gp::FieldDescriptor* f = d->field(i);
-      SCOPED_TRACE(f->name());
-      EXPECT_FALSE(f->has_json_name());
-      EXPECT_EQ(f->is_required(), config);
-      gp::FieldOptions rest = f->options();
-      rest.clear_packed();
-      EXPECT_EQ(rest.ByteSizeLong(), 0u);
-      EXPECT_TRUE(!f->options().has_packed() || (f->is_packable() && f->options().packed()));
-      // Settings and coefficients are zig-zag integers throughout; the only
-      // plain int32 is the route flags word. The listening model's counts
-      // are a case of their own.
-      const auto type = f->type();
-      const bool integer32 = type == gp::FieldDescriptor::TYPE_SINT32 || type == gp::FieldDescriptor::TYPE_INT32 ||
-                             type == gp::FieldDescriptor::TYPE_UINT32 || type == gp::FieldDescriptor::TYPE_SFIXED32 ||
-                             type == gp::FieldDescriptor::TYPE_FIXED32;
-      if (integer32 && !config && d->file()->package() != "com.qvr.pb.model") {
-        EXPECT_EQ(type, f->name() == "route_flags" ? gp::FieldDescriptor::TYPE_INT32
-                                                   : gp::FieldDescriptor::TYPE_SINT32);
-      }
-      EXPECT_NE(type, gp::FieldDescriptor::TYPE_INT64);
-      // Repeated numbers are packed sint32 or double lists, as the existing
-      // tuning files have them; only the profile's hearing tests are one tag per value.
-      if (f->is_repeated() && f->cpp_type() != gp::FieldDescriptor::CPPTYPE_STRING &&
-          f->cpp_type() != gp::FieldDescriptor::CPPTYPE_MESSAGE) {
-        EXPECT_TRUE(type == gp::FieldDescriptor::TYPE_SINT32 || type == gp::FieldDescriptor::TYPE_DOUBLE);
-        EXPECT_EQ(f->is_packed(), d->full_name() != "com.qvr.pb.wbn.User");
+      SCOPED_TRACE(d->full_name() + "." + f->name());
+      if (f->message_type()) todo.push_back(f->message_type());
+      EXPECT_FALSE(f->is_required());
+      const auto cpp = f->cpp_type();
+      EXPECT_TRUE(cpp != gp::FieldDescriptor::CPPTYPE_INT64 && cpp != gp::FieldDescriptor::CPPTYPE_UINT64);
+      if ((cpp == gp::FieldDescriptor::CPPTYPE_INT32 || cpp == gp::FieldDescriptor::CPPTYPE_UINT32) &&
+          d->file()->package() != "com.qvr.pb.model") {
+        EXPECT_EQ(f->type(),
+                  f->name() == "route_flags" ? gp::FieldDescriptor::TYPE_INT32 : gp::FieldDescriptor::TYPE_SINT32);
       }
     }
   }
