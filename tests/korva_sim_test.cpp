@@ -138,13 +138,9 @@ TEST(NodeRuleTest, StateFollowsOpensOrTheProgramsClock) {
   };
   constexpr size_t kHw = 0;
   constexpr size_t kSw = 1;
-  const auto byOpen = parse({"hw=denied", "sw=absent", "sw=present@4"});
-  for (uint64_t open = 1; open <= 5; ++open) {
-    EXPECT_EQ(StateAt(byOpen.data(), byOpen.size(), kHw, open, 0), NodeState::kDenied) << open;
-    EXPECT_EQ(StateAt(byOpen.data(), byOpen.size(), kSw, open, 0), open < 4 ? NodeState::kAbsent : NodeState::kPresent)
-        << open;
-  }
-  // A node that appears late is absent until then; one refused late is present until then.
+  // By opens: e2e_test's RefusedHardwareNodeAndLateSoftwareNode. By the
+  // clock: a node that appears late is absent until then; one refused late is
+  // present until then.
   const auto byTime = parse({"sw=present@2.5s", "hw=denied@0.25s"});
   EXPECT_EQ(StateAt(byTime.data(), byTime.size(), kSw, 99, 2499), NodeState::kAbsent);
   EXPECT_EQ(StateAt(byTime.data(), byTime.size(), kSw, 1, 2500), NodeState::kPresent);
@@ -159,28 +155,6 @@ TEST(NodeRuleTest, StateFollowsOpensOrTheProgramsClock) {
                           "hw=absent@s", "hw=absent@1.2345s", "hw=absent@-1", "hw=absent@2x"}) {
     EXPECT_FALSE(korva_sim::ParseNodeRule(bad, rule)) << bad;
   }
-}
-
-TEST(SimDriverTest, UploadLandsAtTheSelectedBlock) {
-  Driver driver(DriverConfig{});
-  ASSERT_TRUE(IsOk(SetCacheSize(driver, qvr::kDriverCacheSize)));
-  ASSERT_TRUE(IsOk(SelectBlock(driver, 2, 0x20)));
-  FakeClient upload = Upload(100, 100, 0x5A, 0x80000020);
-  ASSERT_TRUE(IsOk(upload.Send(driver, QVR_KORVA_IOCTL_SET_PARAM)));
-
-  const Bytes& cache = driver.cache();
-  ASSERT_EQ(cache.size(), static_cast<size_t>(qvr::kDriverCacheSize));
-  const size_t base = 2 * qvr::kCacheBlockSize;
-  EXPECT_EQ(std::count(cache.begin(), cache.end(), 0x5A), 100);
-  EXPECT_TRUE(All(cache.begin() + base, cache.begin() + base + 100, 0x5A));
-  const korva_sim::BlockState& block = driver.blocks().at(2);
-  EXPECT_TRUE(block.uploaded);
-  EXPECT_EQ(block.device, 0x80000020u);
-  EXPECT_EQ(block.uploadSize, 100);
-  // An offset places the data that far into the block.
-  FakeClient placed = Upload(10, 10, 0x6B, 0x80000020, static_cast<int32_t>(qvr::kCacheBlockSize) - 10);
-  ASSERT_TRUE(IsOk(placed.Send(driver, QVR_KORVA_IOCTL_SET_PARAM)));
-  EXPECT_TRUE(All(cache.begin() + base + qvr::kCacheBlockSize - 10, cache.begin() + base + qvr::kCacheBlockSize, 0x6B));
 }
 
 TEST(SimDriverTest, UploadSizeAndBlockAreNeverTrusted) {
@@ -211,6 +185,11 @@ TEST(SimDriverTest, UploadSizeAndBlockAreNeverTrusted) {
 
   EXPECT_TRUE(All(driver.cache().begin(), driver.cache().end(), 0)) << "no refused upload reached the cache";
   EXPECT_FALSE(driver.blocks().at(0).uploaded);
+  // Up to the block's last byte is taken, and lands there. (Whole uploads at
+  // each block: e2e_test's cache dump.)
+  ASSERT_TRUE(IsOk(Upload(10, 10, 0x6B, 0x80000001, block - 10).Send(driver, QVR_KORVA_IOCTL_SET_PARAM)));
+  EXPECT_TRUE(All(driver.cache().begin() + block - 10, driver.cache().begin() + block, 0x6B));
+  EXPECT_EQ(std::count(driver.cache().begin(), driver.cache().end(), 0x6B), 10);
 
   // A block must fit the cache, which must exist, and so must the blocks
   // its index counts before it.
