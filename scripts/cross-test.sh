@@ -121,7 +121,7 @@ if [ "$arch" = armhf ]; then
     not_here=(-E 'FilterCommandTest|ReportPage|OutputTest')
   fi
 fi
-ctest --test-dir "$build" --output-on-failure --timeout 300 -j"$jobs" "${ctest_filter[@]}" "${not_here[@]}"
+ctest --test-dir "$build" --output-on-failure -j"$jobs" "${ctest_filter[@]}" "${not_here[@]}"
 
 # ---- 4. The example set on the target and on the host ------------------------------
 # The host's build (scripts/test.sh makes it first): only what the run needs
